@@ -32,6 +32,7 @@ install(FILES
 # The .pc file locates the prefix from its own folder, so it stays right when
 # the prefix is chosen at install time (cmake --install build --prefix P).
 file(RELATIVE_PATH KROLIB_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+string(REGEX REPLACE "/$" "" KROLIB_PC_TO_PREFIX "${KROLIB_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/krolib-enhancement.pc.in
                ${PROJECT_BINARY_DIR}/krolib-enhancement.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/krolib-enhancement.pc
