@@ -1,0 +1,110 @@
+#include "SpatialNoiseRemover.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "detail/FilterArithmetic.h"
+#include "detail/ImageOverlap.h"
+#include "detail/Throw.h"
+
+namespace velmor {
+namespace kro {
+
+namespace {
+
+constexpr int kMaxGain = 31;
+constexpr int kMinK = 13;   // share 13/32 of the deviation kept in flat areas
+constexpr int kFullK = 32;  // all of it
+
+// One output pixel from its 3x3 block (rows up/mid/down, columns l, c, r),
+// with k = min(sad, 19 * gain) / gain + 13 by the reciprocal of the gain.
+// Written for the compiler to vectorise over c.
+inline short smoothPixel(const short* up, const short* mid, const short* down, int l, int c, int r,
+                         std::int32_t sadCap, std::int32_t reciprocal)
+{
+    const std::int32_t u0 = up[l] + 32768, u1 = up[c] + 32768, u2 = up[r] + 32768;
+    const std::int32_t u3 = mid[l] + 32768, u4 = mid[c] + 32768, u5 = mid[r] + 32768;
+    const std::int32_t u6 = down[l] + 32768, u7 = down[c] + 32768, u8 = down[r] + 32768;
+    const std::int32_t mean = detail::div9(u0 + u1 + u2 + u3 + u4 + u5 + u6 + u7 + u8);
+    const std::int32_t sad = std::abs(u0 - mean) + std::abs(u1 - mean) + std::abs(u2 - mean) +
+                             std::abs(u3 - mean) + std::abs(u4 - mean) + std::abs(u5 - mean) +
+                             std::abs(u6 - mean) + std::abs(u7 - mean) + std::abs(u8 - mean);
+    const std::int32_t k = detail::divideByReciprocal(std::min(sad, sadCap), reciprocal) + kMinK;
+    return static_cast<short>(mean - 32768 + (((u4 - mean) * k + 16) >> 5));
+}
+
+} // namespace
+
+SpatialNoiseRemover::SpatialNoiseRemover(int gain)
+    : mGain(static_cast<unsigned>(gain) <= static_cast<unsigned>(kMaxGain) ? gain : 0)
+{
+}
+
+bool SpatialNoiseRemover::setGain(int gain)
+{
+    if (static_cast<unsigned>(gain) > static_cast<unsigned>(kMaxGain))
+        return false;
+    mGain = gain;
+    return true;
+}
+
+int SpatialNoiseRemover::div9(int x) const { return detail::div9(x); }
+
+int SpatialNoiseRemover::approxK(int sad) const
+{
+    return mGain == 0 ? kFullK : std::min(sad / mGain + kMinK, kFullK);
+}
+
+void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& dst)
+{
+    if (src.empty())
+        KRO_THROW("empty input frame");
+    dst.create(src.rows, src.cols);
+    if (detail::imagesOverlap(src, dst))
+        KRO_THROW("source and destination frames share memory");
+    // With gain 0, k is 32 and mean + ((d * 32 + 16) >> 5) is the centre
+    // itself: the output is the input, bit for bit.
+    if (mGain == 0) {
+        src.copyTo(dst);
+        return;
+    }
+
+    const int rows = src.rows;
+    const int cols = src.cols;
+    const std::int32_t sadCap = 19 * mGain;
+    const std::int32_t reciprocal = detail::reciprocalOf(mGain);
+
+    // The border columns take the plain path through div9/approxK with
+    // clamped indices; the interior runs the vectorised kernel.
+    const auto borderPixel = [&](const short* up, const short* mid, const short* down, int c) {
+        const int l = std::max(c - 1, 0);
+        const int r = std::min(c + 1, cols - 1);
+        const short* block[3] = {up, mid, down};
+        int sum = 0;
+        for (const short* row : block)
+            sum += (row[l] + 32768) + (row[c] + 32768) + (row[r] + 32768);
+        const int mean = div9(sum);
+        int sad = 0;
+        for (const short* row : block)
+            sad += std::abs(row[l] + 32768 - mean) + std::abs(row[c] + 32768 - mean) +
+                   std::abs(row[r] + 32768 - mean);
+        const int k = approxK(sad);
+        return static_cast<short>(mean - 32768 + (((mid[c] + 32768 - mean) * k + 16) >> 5));
+    };
+
+#pragma omp parallel for schedule(static)
+    for (int y = 0; y < rows; ++y) {
+        const short* up = src[std::max(y - 1, 0)];
+        const short* mid = src[y];
+        const short* down = src[std::min(y + 1, rows - 1)];
+        short* out = dst[y];
+        out[0] = borderPixel(up, mid, down, 0);
+        for (int c = 1; c < cols - 1; ++c)
+            out[c] = smoothPixel(up, mid, down, c - 1, c, c + 1, sadCap, reciprocal);
+        if (cols > 1)
+            out[cols - 1] = borderPixel(up, mid, down, cols - 1);
+    }
+}
+
+} // namespace kro
+} // namespace velmor

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+
+#include <opencv2/core.hpp>
+
+#include "KroLibExport.h"
+
+namespace velmor {
+namespace kro {
+
+// Edge-preserving 3x3 smoothing of signed 16-bit frames, bit-exact integer
+// arithmetic.
+//
+// On offset-binary samples u = s + 32768, with borders replicated:
+//   mean = div9(sum of the 3x3 block)              (shift-and-add division)
+//   sad  = sum over the block of |u - mean|
+//   k    = min(sad / gain + 13, 32), or 32 with gain 0
+//   out  = mean - 32768 + (((u_centre - mean) * k + 16) >> 5)
+// so flat areas keep 13/32 of the centre's deviation from the local mean and
+// textured areas (sad >= 19 * gain) keep all of it. Gain 0 returns the input.
+//
+// Gain 0..31; the constructor replaces an out-of-range gain by 0, setGain
+// refuses it. process() keeps no state: one object may serve several threads
+// at once.
+class KROLIB_EXPORT SpatialNoiseRemover {
+public:
+    explicit SpatialNoiseRemover(int gain);
+    SpatialNoiseRemover(const SpatialNoiseRemover&) = default;
+    SpatialNoiseRemover& operator=(const SpatialNoiseRemover&) = default;
+    virtual ~SpatialNoiseRemover() = default;
+
+    bool setGain(int gain);
+    int getGain() const { return mGain; }
+
+    // `dst` is (re)allocated as CV_16SC1 of the size of `src` when needed.
+    // Throws Exception for an empty frame or when `dst` shares memory with
+    // `src` (the filter reads neighbours that would already be overwritten).
+    void process(const cv::Mat_<short>& src, cv::Mat_<short>& dst);
+
+private:
+    int div9(int x) const;
+    int approxK(int sad) const;
+
+    std::int32_t mGain;
+};
+
+} // namespace kro
+} // namespace velmor

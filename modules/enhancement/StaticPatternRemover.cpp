@@ -1,0 +1,285 @@
+#include "StaticPatternRemover.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+#include "detail/FilterArithmetic.h"
+#include "detail/ImageOverlap.h"
+#include "detail/Throw.h"
+
+namespace velmor {
+namespace kro {
+
+namespace {
+
+using detail::div9LessAccurate;
+
+constexpr int kMaxThreshold = 100;
+constexpr int kMaxLimit = 31;
+constexpr short kSaturated = 32767;  // marker of a saturated sample, passed unchanged
+constexpr int kReach = 4;            // the 1x9 run reaches four columns each side
+
+// Correction of an accumulator: value >> shift, rounded toward zero for the
+// negative values.
+inline std::int32_t correction(std::int32_t value, int shift) { return (value >> shift) + (value < 0); }
+
+// Bounds an accumulator to the limit in units of 2^shift: from
+// (-limit - 1) * 2^shift + 2^shift - 1 to limit * 2^shift.
+inline std::int32_t bound(std::int32_t value, std::int32_t limit, int shift)
+{
+    const std::int32_t unit = 1 << shift;
+    const std::int32_t coarse = value >> shift;
+    if (coarse >= limit)
+        return limit * unit;
+    if (coarse <= -limit - 1)
+        return (-limit - 1) * unit + unit - 1;
+    return value;
+}
+
+// Column index `offset` away from c: clamped into [0, last] at the borders,
+// plain in the interior (where the compiler can then vectorise over c).
+template <bool kClamp>
+inline int column(int c, int offset, int last)
+{
+    return kClamp ? std::min(std::max(c + offset, 0), last) : c + offset;
+}
+
+struct Spread {
+    std::int32_t sum8;    // sum of the eight samples around the centre
+    std::int32_t spread;  // max(|min - mean8|, |max - mean8|), mean8 = sum8 >> 3
+};
+
+inline Spread spreadOf(const std::int32_t (&u)[9], std::int32_t minInit, std::int32_t maxInit)
+{
+    std::int32_t low = minInit, high = maxInit, sum = 0;
+    for (int i = 0; i < 9; ++i) {
+        low = std::min(low, u[i]);
+        high = std::max(high, u[i]);
+        sum += u[i];
+    }
+    const std::int32_t sum8 = sum - u[4];
+    const std::int32_t mean8 = sum8 >> 3;
+    return {sum8, std::max(std::abs(low - mean8), std::abs(high - mean8))};
+}
+
+// The per-row work space: one value per column in each array.
+struct RowWork {
+    std::int32_t* sum3;
+    std::int32_t* sum9;
+    std::int32_t* spread3;
+    std::int32_t* spread9;
+    std::int32_t* lineBefore;  // line correction before this row's update
+    std::int32_t* lineAfter;   // line correction after it
+};
+
+struct Settings {
+    std::int32_t threshold;
+    std::int32_t threshold07;
+    std::int32_t lineLimit;
+    std::int32_t frameLimit;
+    std::int32_t minInit;
+    std::int32_t maxInit;
+};
+
+// First pass over a row, column c: the spreads of the 3x3 block and the 1x9
+// run, and the update of the column's line pattern. It depends only on the
+// frame and on the column's own line value, so the columns are independent.
+template <bool kClamp>
+inline void measureColumn(const short* up, const short* mid, const short* down, int c, int last,
+                          const Settings& s, std::int32_t* line, const RowWork& w)
+{
+    const int l = column<kClamp>(c, -1, last);
+    const int r = column<kClamp>(c, 1, last);
+    const std::int32_t block[9] = {up[l] + 32768,  up[c] + 32768,  up[r] + 32768,
+                                   mid[l] + 32768, mid[c] + 32768, mid[r] + 32768,
+                                   down[l] + 32768, down[c] + 32768, down[r] + 32768};
+    std::int32_t run[9];
+    for (int j = 0; j < 9; ++j)
+        run[j] = mid[column<kClamp>(c, j - kReach, last)] + 32768;
+    const Spread s3 = spreadOf(block, s.minInit, s.maxInit);
+    const Spread s9 = spreadOf(run, s.minInit, s.maxInit);
+    w.sum3[c] = s3.sum8;
+    w.sum9[c] = s9.sum8;
+    w.spread3[c] = s3.spread;
+    w.spread9[c] = s9.spread;
+
+    std::int32_t value = line[c];
+    const std::int32_t lc = correction(value, 10);
+    w.lineBefore[c] = lc;
+    if (s3.spread < s.threshold07 || s9.spread < s.threshold) {
+        // R9 - R9/16 - R9/4 is about 0.7 R9: the block wins when clearly flatter.
+        const bool blockFlatter = s3.spread < s9.spread - (s9.spread >> 4) - (s9.spread >> 2);
+        value += 8 * block[4] - lc - (blockFlatter ? s3.sum8 : s9.sum8);
+    }
+    value = bound(value, s.lineLimit, 13);
+    // Asymmetric leak (values 1..3 stay): part of the bit-exact behaviour.
+    value += value > 3 ? -4 : (value < 0 ? 4 : 0);
+    line[c] = value;
+    w.lineAfter[c] = correction(value, 10);
+}
+
+// Second pass, column c: the output sample and the update of the frame
+// pattern. The line corrections of columns left of c are the ones after this
+// row's update, those of c and to its right the ones before it, as in a
+// left-to-right scan.
+template <bool kClamp>
+inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int c, int last,
+                          const Settings& s, const RowWork& w)
+{
+    const std::int32_t sample = mid[c];
+    std::int32_t value = frame[c];
+    const std::int32_t fc = correction(value, 5);
+    const std::int32_t lcHere = w.lineBefore[c];
+    out[c] = sample == kSaturated
+                 ? kSaturated
+                 : static_cast<short>(sample - div9LessAccurate(fc) - div9LessAccurate(lcHere));
+
+    const std::int32_t r3 = w.spread3[c];
+    const std::int32_t r9 = w.spread9[c];
+    if (r3 < s.threshold || r9 < s.threshold) {
+        std::int32_t left[kReach], right[kReach];
+        for (int j = 0; j < kReach; ++j) {
+            const int k = column<kClamp>(c, -(j + 1), last);
+            left[j] = k < c ? w.lineAfter[k] : w.lineBefore[k];
+            right[j] = w.lineBefore[column<kClamp>(c, j + 1, last)];
+        }
+        const std::int32_t e3 =
+            w.sum3[c] - div9LessAccurate(3 * (right[0] - 2 * lcHere + left[0]));
+        const std::int32_t e9 =
+            w.sum9[c] - div9LessAccurate(left[0] + left[1] + left[2] + left[3] + right[0] + right[1] +
+                                         right[2] + right[3] - 8 * lcHere);
+        const std::int32_t e = std::abs(r9 - r3) < (s.threshold >> 2) ? (e3 + e9) >> 1
+                                                                      : (r3 > r9 ? e9 : e3);
+        value += 8 * (sample + 32768) - fc - e;
+    }
+    value = bound(value, s.frameLimit, 8);
+    value += value > 0 ? -1 : (value < 0 ? 1 : 0);
+    frame[c] = value;
+}
+
+// The part [begin, end) of n items that the calling thread takes in a static
+// schedule (all of them outside a parallel region).
+inline void threadShare(int n, int& begin, int& end)
+{
+#ifdef _OPENMP
+    const int threads = omp_get_num_threads();
+    const int thread = omp_get_thread_num();
+#else
+    const int threads = 1;
+    const int thread = 0;
+#endif
+    const int base = n / threads;
+    const int extra = n % threads;
+    begin = thread * base + std::min(thread, extra);
+    end = begin + base + (thread < extra ? 1 : 0);
+}
+
+} // namespace
+
+StaticPatternRemover::StaticPatternRemover(int threshold, int lineLimit, int frameLimit)
+{
+    setThreshold(threshold);
+    setLineLimit(lineLimit);
+    setFrameLimit(frameLimit);
+}
+
+bool StaticPatternRemover::setThreshold(int threshold)
+{
+    if (static_cast<unsigned>(threshold) > static_cast<unsigned>(kMaxThreshold))
+        return false;
+    mThreshold = threshold;
+    mThreshold07 = static_cast<std::int32_t>(static_cast<float>(threshold) * 0.7f);
+    return true;
+}
+
+bool StaticPatternRemover::setLineLimit(int lineLimit)
+{
+    if (static_cast<unsigned>(lineLimit) > static_cast<unsigned>(kMaxLimit))
+        return false;
+    mLineLimit = lineLimit;
+    return true;
+}
+
+bool StaticPatternRemover::setFrameLimit(int frameLimit)
+{
+    if (static_cast<unsigned>(frameLimit) > static_cast<unsigned>(kMaxLimit))
+        return false;
+    mFrameLimit = frameLimit;
+    return true;
+}
+
+void StaticPatternRemover::init(const cv::Size& size)
+{
+    mLinePattern = cv::Mat_<std::int32_t>::zeros(1, size.width);
+    mFramePattern = cv::Mat_<std::int32_t>::zeros(size.height, size.width);
+    mRowScratch.assign(6 * static_cast<std::size_t>(size.width), 0);
+}
+
+void StaticPatternRemover::validateInput(const cv::Size& size)
+{
+    if (size != mFramePattern.size() ||
+        mRowScratch.size() != 6 * static_cast<std::size_t>(size.width))
+        init(size);
+}
+
+int StaticPatternRemover::div9LessAccurate(int x) const { return detail::div9LessAccurate(x); }
+
+void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& dst)
+{
+    if (src.empty())
+        KRO_THROW("empty input frame");
+    validateInput(src.size());
+    dst.create(src.rows, src.cols);
+    if (detail::imagesOverlap(src, dst))
+        KRO_THROW("source and destination frames share memory");
+
+    const int rows = src.rows;
+    const int cols = src.cols;
+    const int last = cols - 1;
+    const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
+    std::int32_t* scratch = mRowScratch.data();
+    const RowWork work{scratch,           scratch + cols,     scratch + 2 * cols,
+                       scratch + 3 * cols, scratch + 4 * cols, scratch + 5 * cols};
+    std::int32_t* line = mLinePattern[0];
+    // Columns whose neighbourhood needs no clamping.
+    const int interiorBegin = kReach;
+    const int interiorEnd = std::max(cols - kReach, kReach);
+
+    // Both passes over a row split its columns statically among the threads;
+    // the barriers keep the row order.
+#pragma omp parallel
+    {
+        int begin, end;
+        threadShare(cols, begin, end);
+        const int midBegin = std::min(std::max(begin, interiorBegin), end);
+        const int midEnd = std::max(std::min(end, interiorEnd), midBegin);
+        for (int y = 0; y < rows; ++y) {
+            const short* up = src[std::max(y - 1, 0)];
+            const short* mid = src[y];
+            const short* down = src[std::min(y + 1, rows - 1)];
+            for (int c = begin; c < midBegin; ++c)
+                measureColumn<true>(up, mid, down, c, last, settings, line, work);
+            for (int c = midBegin; c < midEnd; ++c)
+                measureColumn<false>(up, mid, down, c, last, settings, line, work);
+            for (int c = midEnd; c < end; ++c)
+                measureColumn<true>(up, mid, down, c, last, settings, line, work);
+#pragma omp barrier
+            short* out = dst[y];
+            std::int32_t* frame = mFramePattern[y];
+            for (int c = begin; c < midBegin; ++c)
+                correctColumn<true>(mid, out, frame, c, last, settings, work);
+            for (int c = midBegin; c < midEnd; ++c)
+                correctColumn<false>(mid, out, frame, c, last, settings, work);
+            for (int c = midEnd; c < end; ++c)
+                correctColumn<true>(mid, out, frame, c, last, settings, work);
+#pragma omp barrier
+        }
+    }
+}
+
+} // namespace kro
+} // namespace velmor

@@ -1,0 +1,182 @@
+#include "TemporalNoiseReduction.h"
+
+#include <algorithm>
+
+#include "detail/FilterArithmetic.h"
+#include "detail/Throw.h"
+
+namespace velmor {
+namespace kro {
+
+namespace {
+
+using detail::wrapAdd;
+using detail::wrapMul;
+
+constexpr int kTableSize = 1024;
+
+// The weight table. Indices 0..49 are set by hand (full weight up to 14, then
+// a steep fall; 47 and 48 are both 9175 on purpose). From 50 on the weight is
+// 12 / index in Q15, evaluated at index + 0.01 so that it stays a little below
+// 393216 / index, and from 897 on it fades linearly to zero by the factor
+// (1024 - index) / 128, which ends in steps of exactly 3 from 1006 (54) to
+// 1023 (3).
+constexpr std::array<std::int32_t, kTableSize> makeAlphaTable()
+{
+    constexpr std::int32_t steepFall[35] = {
+        31457, 30474, 29818, 28835, 28180, 27197, 26214, 25559, 24576, 23592, 22937, 21954,
+        21299, 20316, 19660, 18677, 18022, 17367, 16384, 15728, 15073, 14417, 13762, 13107,
+        12451, 11796, 11468, 10813, 10485, 10158, 9830,  9502,  9175,  9175,  8847};
+    std::array<std::int32_t, kTableSize> table{};
+    for (int i = 0; i < 15; ++i)
+        table[i] = 32768;
+    for (int i = 15; i < 50; ++i)
+        table[i] = steepFall[i - 15];
+    for (int i = 50; i < kTableSize; ++i) {
+        const std::int32_t hyperbola = 39321600 / (100 * i + 1);
+        table[i] = i <= 896 ? hyperbola : hyperbola * (kTableSize - i) / 128;
+    }
+    return table;
+}
+
+constexpr int kAccuMask = 0x3FFFF;        // 18-bit accumulator
+constexpr int kResetDifference = 131071;  // |accu - 4u| above this resets the pixel
+constexpr int kAlphaBand = 205;       // drift of the feedback around its base
+constexpr int kAlphaMax = 2047;
+
+} // namespace
+
+const std::array<std::int32_t, 1024> TemporalNoiseReduction::mAlphaTab = makeAlphaTable();
+
+TemporalNoiseReduction::TemporalNoiseReduction(int controlGain, int globalThreshold,
+                                               int feedbackFactor, bool hwUnits)
+    : mAlpha(0),
+      mMotionLevel(0),
+      mStill(true),
+      mQuiet(false),
+      mControlGain(controlGain),
+      mGlobalThreshold(globalThreshold),
+      mFeedbackFactor(feedbackFactor),
+      mHwUnits(hwUnits),
+      mFirstFrame(true)
+{
+}
+
+bool TemporalNoiseReduction::setControlGain(int controlGain)
+{
+    if (static_cast<unsigned>(controlGain) > 10u)
+        return false;
+    mControlGain = controlGain;
+    return true;
+}
+
+bool TemporalNoiseReduction::setFeedbackFactor(int feedbackFactor)
+{
+    if (static_cast<unsigned>(feedbackFactor) > 100u)
+        return false;
+    mFeedbackFactor = feedbackFactor;
+    return true;
+}
+
+bool TemporalNoiseReduction::setGlobalThreshold(int globalThreshold)
+{
+    if (static_cast<unsigned>(globalThreshold) > 100u)
+        return false;
+    mGlobalThreshold = globalThreshold;
+    return true;
+}
+
+// The constructor accepts any value, so the conversions wrap like the 32-bit
+// hardware registers instead of overflowing.
+int TemporalNoiseReduction::getCGainHw() const
+{
+    return mHwUnits ? mControlGain : wrapMul(mControlGain, 16) / 10;
+}
+
+int TemporalNoiseReduction::getAlphaHw() const
+{
+    return mHwUnits ? mFeedbackFactor : wrapMul(mFeedbackFactor, 2048) / 100;
+}
+
+int TemporalNoiseReduction::getGlobalOff() const { return mGlobalThreshold == 100 ? 1 : 0; }
+
+void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>& dst)
+{
+    if (src.empty())
+        KRO_THROW("empty input frame");
+    const std::int32_t cgain = getCGainHw();
+    const std::int32_t threshold = mGlobalThreshold;
+    const std::int32_t alpha0 = getAlphaHw();
+    const int rows = src.rows;
+    const int cols = src.cols;
+
+    if (mFirstFrame || mAccu.rows != rows || mAccu.cols != cols) {
+        mAccu.create(rows, cols);
+#pragma omp parallel for schedule(static)
+        for (int r = 0; r < rows; ++r) {
+            const short* in = src[r];
+            std::int32_t* accu = mAccu[r];
+            for (int c = 0; c < cols; ++c)
+                accu[c] = (wrapMul(in[c], 4) & kAccuMask) ^ 131072;
+        }
+        mAlpha = alpha0;
+        mFirstFrame = false;
+    }
+    dst.create(rows, cols);
+
+    // (mAlpha * w) >> 11 depends on the table index only: one product per
+    // index and frame instead of one per pixel. Slot 1024 stands for every
+    // index outside the table (weight 0), negative ones included.
+    std::array<std::int32_t, kTableSize + 1> feedback;
+    for (int i = 0; i < kTableSize; ++i)
+        feedback[i] = wrapMul(mAlpha, mAlphaTab[i]) >> 11;
+    feedback[kTableSize] = 0;
+    const std::int32_t* const scaled = feedback.data();
+
+    long long motionSum = 0;
+#pragma omp parallel for schedule(static) reduction(+ : motionSum)
+    for (int r = 0; r < rows; ++r) {
+        const short* in = src[r];
+        short* out = dst[r];
+        std::int32_t* accu = mAccu[r];
+        long long rowSum = 0;
+        for (int c = 0; c < cols; ++c) {
+            const std::int32_t sample = in[c];
+            const std::int32_t u4 = (sample + 32768) * 4;
+            const std::int32_t diff = accu[c] - u4;
+            const std::int32_t ad = diff < 0 ? -diff : diff;
+            const std::int32_t idx = wrapMul(ad, cgain) >> 6;
+            const std::uint32_t slot = std::min(static_cast<std::uint32_t>(idx), 1024u);
+            rowSum += idx > 50 ? idx : 0;
+            const std::int32_t next = u4 + (wrapMul(scaled[slot], diff) >> 15);
+            const bool reset = ad > kResetDifference;
+            accu[c] = reset ? u4 : next;
+            out[c] = reset ? static_cast<short>(sample)
+                           : static_cast<short>(((next + 2) >> 2) - 32768);
+        }
+        motionSum += rowSum;
+    }
+
+    mMotionLevel = static_cast<std::int32_t>(((motionSum >> 2) + 3LL * mMotionLevel) >> 2);
+    const std::int32_t pixels = static_cast<std::int32_t>(static_cast<long long>(rows) * cols);
+    const std::int32_t limit = wrapMul(pixels, threshold) >> 12;
+    mQuiet = (mMotionLevel >> 4) < limit;
+    mStill = mMotionLevel < limit;
+
+    // Slow relaxation toward stronger smoothing while still, fast retreat on
+    // motion; the steps are part of the bit-exact behaviour.
+    if (threshold == 100)
+        mAlpha = alpha0;
+    else if (mQuiet && mStill)
+        mAlpha = wrapAdd(mAlpha, mAlpha >= alpha0 ? 1 : 4);
+    else if (mQuiet)
+        mAlpha = wrapAdd(mAlpha, mAlpha >= alpha0 ? -20 : 4);
+    else
+        mAlpha = wrapAdd(mAlpha, -102);
+    const std::int32_t low = std::max(wrapAdd(alpha0, -kAlphaBand), 0);
+    const std::int32_t high = std::min(wrapAdd(alpha0, kAlphaBand), kAlphaMax);
+    mAlpha = std::min(std::max(mAlpha, low), high);
+}
+
+} // namespace kro
+} // namespace velmor

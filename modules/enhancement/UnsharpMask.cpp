@@ -1,0 +1,40 @@
+#include "UnsharpMask.h"
+
+#include <opencv2/imgproc.hpp>
+
+namespace velmor {
+namespace kro {
+
+int UnsharpMask::unsharp(cv::Mat& src, cv::Mat& dst, double amount, double sigma, double threshold)
+{
+    double fullScale = 0.0;
+    switch (src.depth()) {
+    case CV_8U: fullScale = 255.0; break;
+    case CV_8S: fullScale = 127.0; break;
+    case CV_32F: fullScale = 1.0; break;
+    default: return -1;
+    }
+
+    cv::Mat blurred;
+    cv::GaussianBlur(src, blurred, cv::Size(0, 0), sigma, sigma);
+    cv::Mat diff;
+    cv::subtract(src, blurred, diff);  // saturated in the element type of src
+
+    if (src.channels() > 1) {
+        dst = src + diff * amount;
+        return 0;
+    }
+
+    // Binary mask of the pixels whose difference exceeds the threshold, as an
+    // 8-bit image: the masked addition then accepts it for every depth
+    // (cv::threshold would refuse 8-bit signed images).
+    cv::Mat mask;
+    cv::compare(diff, fullScale * threshold, mask, cv::CMP_GT);
+    cv::Mat result = src.clone();
+    cv::add(src, diff * amount, result, mask, src.type());
+    dst = result;
+    return 0;
+}
+
+} // namespace kro
+} // namespace velmor
