@@ -1,0 +1,362 @@
+#include "SrFloatFft2d.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <complex>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "detail/FftwPlans.h"
+#include "detail/Throw.h"
+
+namespace velmor {
+namespace kro {
+
+namespace detail {
+
+// Work arrays of one SrFloatFft2d, all aligned as the plans expect.
+struct SrFloatFft2dBuffers {
+    // Aligned stand-in for a caller's image that lacks the alignment
+    // (forward input, backward output); scratch of repairGaussBlur.
+    FftwBuffer<float> image;
+    // Aligned copy of a caller's unaligned spectrum in backward.
+    FftwBuffer<fftwf_complex> spectrumIn;
+    // Column-transformed spectrum in backward (the row pass consumes it);
+    // aligned stand-in for a caller's unaligned spectrum in forward.
+    FftwBuffer<fftwf_complex> spectrumWork;
+};
+
+} // namespace detail
+
+namespace {
+
+// Below this many pixels, starting the thread team costs more than the work.
+// The blocks are the same either way, so this does not change any result.
+constexpr long kMinParallelPixels = 16384;
+
+std::unique_ptr<detail::SrFloatFft2dBuffers> makeBuffers(int width, int height)
+{
+    const std::size_t pixels = static_cast<std::size_t>(width) * height;
+    const std::size_t bins = static_cast<std::size_t>(width / 2 + 1) * height;
+    auto buffers = std::make_unique<detail::SrFloatFft2dBuffers>();
+    buffers->image = detail::allocateFloats(pixels);
+    buffers->spectrumIn = detail::allocateComplex(bins);
+    buffers->spectrumWork = detail::allocateComplex(bins);
+    return buffers;
+}
+
+// Closed-form approximation of the error function,
+//   E(x) = sign(x) sqrt(1 - exp(-x^2 (4/pi + a x^2) / (1 + a x^2))),
+// in single precision apart from the square root and the exponential.
+float approximateErf(float x)
+{
+    if (x == 0.0f)
+        return 0.0f;
+    constexpr float a = 0.1400123f;
+    constexpr float fourOverPi = 1.2732395f;
+    const float x2 = x * x;
+    const float exponent = x2 * (fourOverPi + a * x2) / (1.0f + a * x2);
+    const float e = static_cast<float>(std::sqrt(1.0 - std::exp(-static_cast<double>(exponent))));
+    return x < 0.0f ? -e : e;
+}
+
+// Unnormalised DFT (sign -1) of the length-n circular kernel that holds
+// weights[|d|] * scale at every offset d in [-radius, radius], wrapped
+// modulo n (weights landing on the same position add up). Computed in double
+// from the symmetric pairs (j, n - j), so the imaginary parts of a symmetric
+// kernel cancel exactly.
+std::vector<std::complex<double>> kernelDft(int n, int radius, const float* weights, double scale,
+                                            int frequencies)
+{
+    std::vector<double> taps(static_cast<std::size_t>(n), 0.0);
+    taps[0] += weights[0] * scale;
+    for (int k = 1; k <= radius; ++k) {
+        const int plus = k % n;
+        const int minus = (n - plus) % n;
+        taps[static_cast<std::size_t>(plus)] += weights[k] * scale;
+        taps[static_cast<std::size_t>(minus)] += weights[k] * scale;
+    }
+    const int lastPair = std::min((n - 1) / 2, radius);
+    const double twoPi = 2.0 * std::acos(-1.0);
+    std::vector<std::complex<double>> result(static_cast<std::size_t>(frequencies));
+    for (int f = 0; f < frequencies; ++f) {
+        double re = taps[0];
+        double im = 0.0;
+        for (int j = 1; j <= lastPair; ++j) {
+            // Reduce j * f modulo n exactly before taking the angle.
+            const long long m = static_cast<long long>(j) * f % n;
+            const double angle = twoPi * static_cast<double>(m) / n;
+            const double a = taps[static_cast<std::size_t>(j)];
+            const double b = taps[static_cast<std::size_t>(n - j)];
+            re += (a + b) * std::cos(angle);
+            im -= (a - b) * std::sin(angle);
+        }
+        if (n % 2 == 0)  // the middle position pairs with itself
+            re += taps[static_cast<std::size_t>(n / 2)] * (f % 2 == 0 ? 1.0 : -1.0);
+        result[static_cast<std::size_t>(f)] = {re, im};
+    }
+    return result;
+}
+
+} // namespace
+
+SrFloatFft2d::SrFloatFft2d(int width_, int height_) : width(width_), height(height_)
+{
+    // The spectrum and the image are indexed with int throughout the engine.
+    const long long bins = (static_cast<long long>(width) / 2 + 1) * height;
+    const long long pixels = static_cast<long long>(width) * height;
+    if (width < 1 || height < 1 || 2 * bins > INT_MAX || pixels > INT_MAX)
+        KRO_THROW("invalid FFT size " << width << "x" << height);
+    plans = std::make_shared<const detail::FftwPlans2d>(width, height);
+    buffers = makeBuffers(width, height);
+}
+
+SrFloatFft2d::SrFloatFft2d(const SrFloatFft2d& other)
+    : width(other.width),
+      height(other.height),
+      plans(other.plans),
+      buffers(makeBuffers(other.width, other.height))
+{
+}
+
+SrFloatFft2d& SrFloatFft2d::operator=(const SrFloatFft2d& other)
+{
+    if (this != &other) {
+        auto fresh = makeBuffers(other.width, other.height);
+        width = other.width;
+        height = other.height;
+        plans = other.plans;
+        buffers = std::move(fresh);
+    }
+    return *this;
+}
+
+SrFloatFft2d::~SrFloatFft2d() = default;
+
+void SrFloatFft2d::forward(float* image, float (*spectrum)[2])
+{
+    if (!image || !spectrum)
+        KRO_THROW("null image or spectrum");
+    const std::size_t pixels = static_cast<std::size_t>(width) * height;
+    const std::size_t bins = static_cast<std::size_t>(getSpectrumSize());
+    const int spectrumWidth = width / 2 + 1;
+    const int last = width / 2;
+    const bool oddWidth = width % 2 != 0;
+
+    const float* source = image;
+    if (!detail::hasFftwAlignment(image)) {
+        std::memcpy(buffers->image.get(), image, pixels * sizeof(float));
+        source = buffers->image.get();
+    }
+    fftwf_complex* target =
+        detail::hasFftwAlignment(spectrum) ? spectrum : buffers->spectrumWork.get();
+    const detail::FftwPlans2d& p = *plans;
+
+#pragma omp parallel if (static_cast<long>(width) * height >= kMinParallelPixels)
+    {
+#pragma omp for schedule(static)
+        for (int block = 0; block < p.rowBlocks(); ++block) {
+            p.forwardRows(block, source, target);
+            const int end = p.firstRow(block) + p.rowsIn(block);
+            for (int y = p.firstRow(block); y < end; ++y) {
+                fftwf_complex* row = target + static_cast<std::size_t>(y) * spectrumWidth;
+                row[0][1] = 0.0f;
+                if (last > 0) {
+                    // Last bin = (packed value at width - 1, 0): the real part
+                    // of the last frequency for even widths, its imaginary
+                    // part for odd ones (see the header).
+                    if (oddWidth)
+                        row[last][0] = row[last][1];
+                    row[last][1] = 0.0f;
+                }
+            }
+        }
+#pragma omp for schedule(static)
+        for (int block = 0; block < p.columnBlocks(); ++block)
+            p.forwardColumns(block, target);
+    }
+    if (target != spectrum)
+        std::memcpy(spectrum, target, bins * sizeof(fftwf_complex));
+}
+
+void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
+{
+    if (!image || !spectrum)
+        KRO_THROW("null image or spectrum");
+    const std::size_t pixels = static_cast<std::size_t>(width) * height;
+    const std::size_t bins = static_cast<std::size_t>(getSpectrumSize());
+    const int spectrumWidth = width / 2 + 1;
+    const int last = width / 2;
+    const bool oddWidth = width % 2 != 0;
+
+    const fftwf_complex* source = spectrum;
+    if (!detail::hasFftwAlignment(spectrum)) {
+        std::memcpy(buffers->spectrumIn.get(), spectrum, bins * sizeof(fftwf_complex));
+        source = buffers->spectrumIn.get();
+    }
+    fftwf_complex* work = buffers->spectrumWork.get();
+    float* target = detail::hasFftwAlignment(image) ? image : buffers->image.get();
+    const detail::FftwPlans2d& p = *plans;
+
+#pragma omp parallel if (static_cast<long>(width) * height >= kMinParallelPixels)
+    {
+#pragma omp for schedule(static)
+        for (int block = 0; block < p.columnBlocks(); ++block)
+            p.backwardColumns(block, source, work);
+#pragma omp for schedule(static)
+        for (int block = 0; block < p.rowBlocks(); ++block) {
+            const int end = p.firstRow(block) + p.rowsIn(block);
+            for (int y = p.firstRow(block); y < end; ++y) {
+                fftwf_complex* row = work + static_cast<std::size_t>(y) * spectrumWidth;
+                row[0][1] = 0.0f;
+                if (last > 0) {
+                    if (oddWidth) {
+                        // Mirror of forward: the real part goes to packed
+                        // position width - 1, the imaginary slot of the last
+                        // frequency; its real slot, which forward dropped, is 0.
+                        row[last][1] = row[last][0];
+                        row[last][0] = 0.0f;
+                    } else {
+                        row[last][1] = 0.0f;
+                    }
+                }
+            }
+            p.backwardRows(block, work, target);
+        }
+    }
+    if (target != image)
+        std::memcpy(image, target, pixels * sizeof(float));
+}
+
+void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel)
+{
+    if (radius < 0)
+        KRO_THROW("invalid Gaussian radius " << radius);
+    if (!(sigma > 0.0f) || !std::isfinite(sigma))
+        KRO_THROW("invalid Gaussian sigma " << sigma);
+    if (!spectrum || !kernel)
+        KRO_THROW("null spectrum or kernel");
+
+    const float scale = std::sqrt(2.0f) * sigma;
+    for (int k = 0; k <= radius; ++k) {
+        const float fk = static_cast<float>(k);
+        kernel[k] = 0.5f * (approximateErf((fk + 0.5f) / scale) - approximateErf((fk - 0.5f) / scale));
+    }
+    float tail = 0.0f;
+    for (int k = 1; k <= radius; ++k)
+        tail += kernel[k];
+    const float total = kernel[0] + 2.0f * tail;
+    if (!(total > 0.0f) || !std::isfinite(total))
+        KRO_THROW("invalid Gaussian sigma " << sigma << ": the kernel weights vanish");
+    // Division rather than multiplication by 1/total keeps radius 0 at
+    // exactly 1.
+    for (int k = 0; k <= radius; ++k)
+        kernel[k] /= total;
+
+    const int spectrumWidth = width / 2 + 1;
+    const int last = width / 2;
+    // The row kernel carries the 1 / (width * height) of the inverse
+    // transform, so backward(forward(x) * spectrum) needs no further scaling.
+    std::vector<std::complex<double>> rows =
+        kernelDft(width, radius, kernel, 1.0 / (static_cast<double>(width) * height), spectrumWidth);
+    const std::vector<std::complex<double>> columns = kernelDft(height, radius, kernel, 1.0, height);
+    // Pack the row transform as forward does.
+    rows[0] = {rows[0].real(), 0.0};
+    if (last > 0)
+        rows[static_cast<std::size_t>(last)] = {width % 2 != 0 ? rows[static_cast<std::size_t>(last)].imag()
+                                                               : rows[static_cast<std::size_t>(last)].real(),
+                                                0.0};
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < spectrumWidth; ++x) {
+            const std::complex<double> value =
+                columns[static_cast<std::size_t>(y)] * rows[static_cast<std::size_t>(x)];
+            float* bin = spectrum[static_cast<std::size_t>(y) * spectrumWidth + x];
+            bin[0] = static_cast<float>(value.real());
+            bin[1] = static_cast<float>(value.imag());
+        }
+    }
+}
+
+void SrFloatFft2d::repairGaussBlur(const float* image, float* blurred, int radius, float* kernel)
+{
+    if (radius < 0)
+        KRO_THROW("invalid Gaussian radius " << radius);
+    if (!image || !blurred || !kernel)
+        KRO_THROW("null image, blurred image or kernel");
+    if (radius == 0)
+        return;
+    if (!(kernel[0] > 0.0f))
+        KRO_THROW("invalid Gaussian kernel: centre weight " << kernel[0]);
+
+    // Taps beyond the image are never used, so a radius above the image size
+    // behaves as the image size (and 2 * r cannot overflow).
+    const int r = std::min(radius, std::max(width, height));
+    const int w = width;
+    const int h = height;
+    const float* g = kernel;
+    // Horizontally blurred rows; the vertical pass reads only these, so the
+    // band can be written afterwards without feeding back.
+    float* smooth = buffers->image.get();
+
+    // Renormalised 1-D blur at position i of n values spaced by `stride`:
+    // the taps are limited to [0, n) and divided by the sum of the weights
+    // used. The 2-D renormalised blur is the product of the two because the
+    // part of the kernel inside the image is a rectangle, so its weight sum
+    // factorises.
+    auto blur1d = [r, g](const float* line, int i, int n, int stride) {
+        const int lo = std::max(-r, -i);
+        const int hi = std::min(r, n - 1 - i);
+        double sum = 0.0;
+        double weight = 0.0;
+        for (int d = lo; d <= hi; ++d) {
+            const double gd = g[std::abs(d)];
+            sum += gd * line[static_cast<std::ptrdiff_t>(i + d) * stride];
+            weight += gd;
+        }
+        return static_cast<float>(sum / weight);
+    };
+    // Columns of the left and right bands: [0, leftEnd) and [rightBegin, w).
+    const int leftEnd = std::min(r, w);
+    const int rightBegin = std::max(w - r, leftEnd);
+    const bool parallel = static_cast<long>(w) * h >= kMinParallelPixels;
+
+#pragma omp parallel if (parallel)
+    {
+        // Horizontal pass: whole rows within 2r of the top or bottom (the
+        // vertical taps of the top and bottom bands), the band columns of
+        // every other row.
+#pragma omp for schedule(static)
+        for (int y = 0; y < h; ++y) {
+            const float* in = image + static_cast<std::size_t>(y) * w;
+            float* out = smooth + static_cast<std::size_t>(y) * w;
+            if (y < 2 * r || y >= h - 2 * r) {
+                for (int x = 0; x < w; ++x)
+                    out[x] = blur1d(in, x, w, 1);
+            } else {
+                for (int x = 0; x < leftEnd; ++x)
+                    out[x] = blur1d(in, x, w, 1);
+                for (int x = rightBegin; x < w; ++x)
+                    out[x] = blur1d(in, x, w, 1);
+            }
+        }
+        // Vertical pass over the band.
+#pragma omp for schedule(static)
+        for (int y = 0; y < h; ++y) {
+            float* out = blurred + static_cast<std::size_t>(y) * w;
+            if (y < r || y >= h - r) {
+                for (int x = 0; x < w; ++x)
+                    out[x] = blur1d(smooth + x, y, h, w);
+            } else {
+                for (int x = 0; x < leftEnd; ++x)
+                    out[x] = blur1d(smooth + x, y, h, w);
+                for (int x = rightBegin; x < w; ++x)
+                    out[x] = blur1d(smooth + x, y, h, w);
+            }
+        }
+    }
+}
+
+} // namespace kro
+} // namespace velmor
