@@ -43,7 +43,8 @@ constexpr unsigned char kPendingDefect = 0x80;
 bool usableNeighbour(unsigned char status) { return status == 0 || status == kPendingDefect; }
 
 // Second-smallest and second-largest usable value among the 8 neighbours of
-// (x, y); false when fewer than 3 neighbours are usable.
+// (x, y) (smallest and largest when fewer than 5 are usable); false when
+// fewer than 3 neighbours are usable.
 bool trimmedNeighbourBounds(const cv::Mat_<float>& frame, const cv::Mat_<unsigned char>& map,
                             int x, int y, float& lo2, float& hi2)
 {
@@ -58,26 +59,22 @@ bool trimmedNeighbourBounds(const cv::Mat_<float>& frame, const cv::Mat_<unsigne
         for (int i = x0; i <= x1; ++i) {
             if ((i == x && j == y) || !usableNeighbour(status[i]))
                 continue;
+            // Branch-free running two smallest and two largest values (the
+            // comparisons are unpredictable on real data).
             const float v = row[i];
             ++count;
-            if (v < min1) {
-                min2 = min1;
-                min1 = v;
-            } else if (v < min2) {
-                min2 = v;
-            }
-            if (v > max1) {
-                max2 = max1;
-                max1 = v;
-            } else if (v > max2) {
-                max2 = v;
-            }
+            min2 = std::min(min2, std::max(min1, v));
+            min1 = std::min(min1, v);
+            max2 = std::max(max2, std::min(max1, v));
+            max1 = std::max(max1, v);
         }
     }
     if (count < 3)
         return false;
-    lo2 = min2;
-    hi2 = max2;
+    // Dropping the extremes needs enough neighbours to leave a range: with 3
+    // or 4 (a corner, or a pixel beside markers) the plain range is used.
+    lo2 = count >= 5 ? min2 : min1;
+    hi2 = count >= 5 ? max2 : max1;
     return true;
 }
 
@@ -213,32 +210,57 @@ void SuperResolutionBadPixelHandling::classifyByValue_(const cv::Mat_<float>& fr
 void SuperResolutionBadPixelHandling::classifyOutliers_(const cv::Mat_<float>& frame,
                                                         cv::Mat_<unsigned char>& map)
 {
-    // Typical spread of the frame: the median over all judged pixels of the
-    // trimmed neighbour range. It keeps a pixel in a locally flat spot of a
-    // noisy frame from being flagged for ordinary noise.
+    // First pass: the frame's typical spread (the median over all judged
+    // pixels of the trimmed neighbour range, about 1.7 sigma on pure noise)
+    // and its robust value range (1st to 99th percentile of the usable
+    // values). See the class comment for the tolerance built from them.
     spreads.clear();
+    values.clear();
+    // Bounds per pixel, kept for the second pass; low > high marks a pixel
+    // that is not judged (usable values are finite, so lo2 <= hi2 otherwise).
+    const std::size_t pixels = static_cast<std::size_t>(frame.rows) * frame.cols;
+    lowBounds.assign(pixels, 1.0f);
+    highBounds.assign(pixels, 0.0f);
     for (int y = 0; y < frame.rows; ++y) {
         for (int x = 0; x < frame.cols; ++x) {
-            float lo2, hi2;
-            if (map(y, x) == kGood && trimmedNeighbourBounds(frame, map, x, y, lo2, hi2))
-                spreads.push_back(hi2 - lo2);
+            if (map(y, x) != kGood)
+                continue;
+            values.push_back(frame(y, x));
+            const std::size_t i = static_cast<std::size_t>(y) * frame.cols + x;
+            if (trimmedNeighbourBounds(frame, map, x, y, lowBounds[i], highBounds[i]))
+                spreads.push_back(highBounds[i] - lowBounds[i]);
         }
     }
-    double typical = 0.0;
-    if (!spreads.empty()) {
-        const auto middle = spreads.begin() + static_cast<std::ptrdiff_t>(spreads.size() / 2);
-        std::nth_element(spreads.begin(), middle, spreads.end());
-        typical = *middle;
-    }
+    if (spreads.empty())
+        return; // no pixel has enough usable neighbours to be judged
+    const auto middle = spreads.begin() + static_cast<std::ptrdiff_t>(spreads.size() / 2);
+    std::nth_element(spreads.begin(), middle, spreads.end());
+    const double typical = *middle;
+    const auto low = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 100);
+    const auto high = values.begin() + static_cast<std::ptrdiff_t>(values.size() * 99 / 100);
+    std::nth_element(values.begin(), low, values.end());
+    const double p1 = *low;
+    std::nth_element(values.begin(), high, values.end());
+    const double p99 = *high;
+    const double range = p99 - p1;
 
     for (int y = 0; y < frame.rows; ++y) {
         for (int x = 0; x < frame.cols; ++x) {
-            float lo2, hi2;
-            if (map(y, x) != kGood || !trimmedNeighbourBounds(frame, map, x, y, lo2, hi2))
+            const std::size_t i = static_cast<std::size_t>(y) * frame.cols + x;
+            const float lo2 = lowBounds[i];
+            const float hi2 = highBounds[i];
+            if (lo2 > hi2)
                 continue;
+            // A pixel on the frame's edge sees its neighbours on one side
+            // only, so a plain gradient already puts it outside their range.
+            const bool onEdge = x == 0 || y == 0 || x == frame.cols - 1 || y == frame.rows - 1;
+            const double factor = onEdge ? kOutlierFactor * kEdgeOutlierFactor : kOutlierFactor;
+            const double gross = onEdge ? kGrossOutlierContrast * kEdgeGrossFactor : kGrossOutlierContrast;
             // In double: the range of two finite floats can overflow float.
             const double spread = static_cast<double>(hi2) - static_cast<double>(lo2);
-            const double tolerance = kOutlierFactor * std::max(spread, typical);
+            const double tolerance =
+                std::max({factor * typical, kMinOutlierContrast * range,
+                          std::min(factor * spread, gross * range)});
             const double v = frame(y, x);
             if (v < lo2 - tolerance || v > hi2 + tolerance)
                 map(y, x) = kPendingDefect;

@@ -59,17 +59,29 @@ namespace kro {
 //   - the value is not a number (a failed calibration gives 0/0);
 //   - any other non-zero subnormal pattern (a foreign marker, such as a 132
 //     fed back from a super-resolved image, or integer data misread as float);
-//   - an isolated outlier, the signature of a dead or hot pixel: with lo2
-//     and hi2 the second-smallest and second-largest usable values among the
-//     pixel's 8 neighbours (at least 3 needed, so corners are judged too),
-//     the pixel is bad when it lies below lo2 - T or above hi2 + T, with
-//     T = kOutlierFactor * max(hi2 - lo2, typical spread of the frame), the
-//     typical spread being the median of hi2 - lo2 over the frame.
-//     Dropping the most extreme neighbour on each side keeps a pair of
-//     adjacent defects from hiding each other; an edge or a line has several
-//     neighbours on its own side and is never taken for a defect. With
-//     factor 3 a pixel of Gaussian noise is flagged with a probability of
-//     roughly 1e-9, while dead and hot pixels miss by hundreds of sigma.
+//   - an isolated outlier, the signature of a dead or hot pixel. Let lo2
+//     and hi2 be the second-smallest and second-largest usable values among
+//     the pixel's 8 neighbours (smallest and largest when fewer than 5 are
+//     usable; at least 3 are needed, so corners are judged too), s = hi2 -
+//     lo2 the local spread, t the typical spread of the frame (median of s
+//     over the frame, about 1.7 sigma on pure noise) and R the frame's
+//     robust range (1st to 99th percentile of its usable values). The pixel
+//     is bad when it lies below lo2 - T or above hi2 + T, with
+//         T = max(6 t, 0.05 R, min(6 s, 0.25 R)).
+//     6 t keeps noise out (a pixel of Gaussian noise would have to lie about
+//     10 sigma out); 6 s keeps edges, ramps and texture out; 0.05 R keeps
+//     fine detail of a strongly textured scene out; but a sample more than a
+//     quarter of the scene's range beyond all its neighbours (a dead pixel
+//     near the floor, a hot or stuck pixel near saturation) is bad even in
+//     busy texture. On the frame's edge, where the neighbours lie on one side
+//     only, the factor 6 becomes 18 and the quarter 0.375. Dropping the most
+//     extreme neighbour on each side keeps a pair of adjacent defects from
+//     hiding each other. Tuned on real 14-bit driving sequences (160x128 and
+//     640x512, 125 frames, scene range about 2500 to 4700 counts, typical
+//     spread about 30): no scene pixel was flagged; of pixels set to 0, 991
+//     of 992 were found, of pixels raised by 1000 counts 98 %, by 300 counts
+//     60 %. Milder defects cannot be told from scene detail in one frame.
+//     About 11 ms per 640x512 frame on one core.
 //
 // Replacement (getReplacementValue_): the median of the good pixels of the
 // 3x3 neighbourhood; when none is good (a defect inside a cluster), the
@@ -106,9 +118,14 @@ public:
         kAboveUpperLimit = 5
     };
 
-    // A pixel lying more than this many neighbour spreads outside its
-    // neighbours' values is an isolated outlier (status 3).
-    static constexpr float kOutlierFactor = 3.0f;
+    // Outlier test (status 3), see above: the tolerance in spreads (6), the
+    // contrast floor (0.05 R) and the gross-defect contrast (0.25 R), and
+    // the multipliers of the first and the last on the frame's edge.
+    static constexpr double kOutlierFactor = 6.0;
+    static constexpr double kMinOutlierContrast = 0.05;
+    static constexpr double kGrossOutlierContrast = 0.25;
+    static constexpr double kEdgeOutlierFactor = 3.0;
+    static constexpr double kEdgeGrossFactor = 1.5;
     // The detector gives up ("Too many defect pixels...") at this many
     // pixels that it can neither replace nor excuse as camera markers.
     static constexpr int kMaxReallyBadPixels = 10;
@@ -214,6 +231,9 @@ private:
 
     // Per-frame scratch, grown once to the frame size and reused.
     std::vector<float> spreads;
+    std::vector<float> values;
+    std::vector<float> lowBounds;
+    std::vector<float> highBounds;
     struct Replacement {
         int x;
         int y;
