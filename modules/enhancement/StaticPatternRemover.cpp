@@ -22,6 +22,7 @@ constexpr int kMaxThreshold = 100;
 constexpr int kMaxLimit = 31;
 constexpr short kSaturated = 32767;  // marker of a saturated sample, passed unchanged
 constexpr int kReach = 4;            // the 1x9 run reaches four columns each side
+constexpr int kMinColumnsPerThread = 64;
 
 // Correction of an accumulator: value >> shift, rounded toward zero for the
 // negative values.
@@ -66,8 +67,11 @@ inline Spread spreadOf(const std::int32_t (&u)[9], std::int32_t minInit, std::in
     return {sum8, std::max(std::abs(low - mean8), std::abs(high - mean8))};
 }
 
-// The per-row work space: one value per column in each array.
+// The work space of one thread for one row. The arrays cover the columns
+// [base, base + n) and are indexed by column - base.
 struct RowWork {
+    std::int32_t base;
+    std::int32_t* line;        // the line pattern of these columns
     std::int32_t* sum3;
     std::int32_t* sum9;
     std::int32_t* spread3;
@@ -75,6 +79,8 @@ struct RowWork {
     std::int32_t* lineBefore;  // line correction before this row's update
     std::int32_t* lineAfter;   // line correction after it
 };
+
+constexpr int kWorkArrays = 7;
 
 struct Settings {
     std::int32_t threshold;
@@ -90,7 +96,7 @@ struct Settings {
 // frame and on the column's own line value, so the columns are independent.
 template <bool kClamp>
 inline void measureColumn(const short* up, const short* mid, const short* down, int c, int last,
-                          const Settings& s, std::int32_t* line, const RowWork& w)
+                          const Settings& s, const RowWork& w)
 {
     const int l = column<kClamp>(c, -1, last);
     const int r = column<kClamp>(c, 1, last);
@@ -102,14 +108,15 @@ inline void measureColumn(const short* up, const short* mid, const short* down, 
         run[j] = mid[column<kClamp>(c, j - kReach, last)] + 32768;
     const Spread s3 = spreadOf(block, s.minInit, s.maxInit);
     const Spread s9 = spreadOf(run, s.minInit, s.maxInit);
-    w.sum3[c] = s3.sum8;
-    w.sum9[c] = s9.sum8;
-    w.spread3[c] = s3.spread;
-    w.spread9[c] = s9.spread;
+    const int i = c - w.base;
+    w.sum3[i] = s3.sum8;
+    w.sum9[i] = s9.sum8;
+    w.spread3[i] = s3.spread;
+    w.spread9[i] = s9.spread;
 
-    std::int32_t value = line[c];
+    std::int32_t value = w.line[i];
     const std::int32_t lc = correction(value, 10);
-    w.lineBefore[c] = lc;
+    w.lineBefore[i] = lc;
     if (s3.spread < s.threshold07 || s9.spread < s.threshold) {
         // R9 - R9/16 - R9/4 is about 0.7 R9: the block wins when clearly flatter.
         const bool blockFlatter = s3.spread < s9.spread - (s9.spread >> 4) - (s9.spread >> 2);
@@ -118,8 +125,8 @@ inline void measureColumn(const short* up, const short* mid, const short* down, 
     value = bound(value, s.lineLimit, 13);
     // Asymmetric leak (values 1..3 stay): part of the bit-exact behaviour.
     value += value > 3 ? -4 : (value < 0 ? 4 : 0);
-    line[c] = value;
-    w.lineAfter[c] = correction(value, 10);
+    w.line[i] = value;
+    w.lineAfter[i] = correction(value, 10);
 }
 
 // Second pass, column c: the output sample and the update of the frame
@@ -133,24 +140,25 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
     const std::int32_t sample = mid[c];
     std::int32_t value = frame[c];
     const std::int32_t fc = correction(value, 5);
-    const std::int32_t lcHere = w.lineBefore[c];
+    const int i = c - w.base;
+    const std::int32_t lcHere = w.lineBefore[i];
     out[c] = sample == kSaturated
                  ? kSaturated
                  : static_cast<short>(sample - div9LessAccurate(fc) - div9LessAccurate(lcHere));
 
-    const std::int32_t r3 = w.spread3[c];
-    const std::int32_t r9 = w.spread9[c];
+    const std::int32_t r3 = w.spread3[i];
+    const std::int32_t r9 = w.spread9[i];
     if (r3 < s.threshold || r9 < s.threshold) {
         std::int32_t left[kReach], right[kReach];
         for (int j = 0; j < kReach; ++j) {
             const int k = column<kClamp>(c, -(j + 1), last);
-            left[j] = k < c ? w.lineAfter[k] : w.lineBefore[k];
-            right[j] = w.lineBefore[column<kClamp>(c, j + 1, last)];
+            left[j] = k < c ? w.lineAfter[k - w.base] : w.lineBefore[k - w.base];
+            right[j] = w.lineBefore[column<kClamp>(c, j + 1, last) - w.base];
         }
         const std::int32_t e3 =
-            w.sum3[c] - div9LessAccurate(3 * (right[0] - 2 * lcHere + left[0]));
+            w.sum3[i] - div9LessAccurate(3 * (right[0] - 2 * lcHere + left[0]));
         const std::int32_t e9 =
-            w.sum9[c] - div9LessAccurate(left[0] + left[1] + left[2] + left[3] + right[0] + right[1] +
+            w.sum9[i] - div9LessAccurate(left[0] + left[1] + left[2] + left[3] + right[0] + right[1] +
                                          right[2] + right[3] - 8 * lcHere);
         const std::int32_t e = std::abs(r9 - r3) < (s.threshold >> 2) ? (e3 + e9) >> 1
                                                                       : (r3 > r9 ? e9 : e3);
@@ -161,17 +169,34 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
     frame[c] = value;
 }
 
+inline int ompMaxThreads()
+{
+#ifdef _OPENMP
+    return omp_get_max_threads();
+#else
+    return 1;
+#endif
+}
+
+inline int ompThreadNum()
+{
+#ifdef _OPENMP
+    return omp_get_thread_num();
+#else
+    return 0;
+#endif
+}
+
 // The part [begin, end) of n items that the calling thread takes in a static
 // schedule (all of them outside a parallel region).
 inline void threadShare(int n, int& begin, int& end)
 {
 #ifdef _OPENMP
     const int threads = omp_get_num_threads();
-    const int thread = omp_get_thread_num();
 #else
     const int threads = 1;
-    const int thread = 0;
 #endif
+    const int thread = ompThreadNum();
     const int base = n / threads;
     const int extra = n % threads;
     begin = thread * base + std::min(thread, extra);
@@ -216,13 +241,11 @@ void StaticPatternRemover::init(const cv::Size& size)
 {
     mLinePattern = cv::Mat_<std::int32_t>::zeros(1, size.width);
     mFramePattern = cv::Mat_<std::int32_t>::zeros(size.height, size.width);
-    mRowScratch.assign(6 * static_cast<std::size_t>(size.width), 0);
 }
 
 void StaticPatternRemover::validateInput(const cv::Size& size)
 {
-    if (size != mFramePattern.size() ||
-        mRowScratch.size() != 6 * static_cast<std::size_t>(size.width))
+    if (size != mFramePattern.size())
         init(size);
 }
 
@@ -241,43 +264,73 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     const int cols = src.cols;
     const int last = cols - 1;
     const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
-    std::int32_t* scratch = mRowScratch.data();
-    const RowWork work{scratch,           scratch + cols,     scratch + 2 * cols,
-                       scratch + 3 * cols, scratch + 4 * cols, scratch + 5 * cols};
-    std::int32_t* line = mLinePattern[0];
-    // Columns whose neighbourhood needs no clamping.
-    const int interiorBegin = kReach;
-    const int interiorEnd = std::max(cols - kReach, kReach);
+    // Narrow frames are not worth a second thread.
+    const int threads = cols >= kMinColumnsPerThread * 2 ? ompMaxThreads() : 1;
+    // Work space: each thread's columns plus a margin of kReach on each side.
+    const std::size_t perArray = static_cast<std::size_t>(cols) + 2 * kReach * threads;
+    if (mRowScratch.size() < kWorkArrays * perArray)
+        mRowScratch.assign(kWorkArrays * perArray, 0);
+    std::int32_t* const scratch = mRowScratch.data();
+    std::int32_t* const linePattern = mLinePattern[0];
 
-    // Both passes over a row split its columns statically among the threads;
-    // the barriers keep the row order.
-#pragma omp parallel
+    // The columns are split statically among the threads, each of which runs
+    // through all the rows on its own. A thread needs the line corrections of
+    // up to kReach columns beyond its share; since a column's line update
+    // depends only on the frame and that column's own value, the thread keeps
+    // a private copy of those margin columns and updates it itself, which
+    // needs no exchange with its neighbours and gives exactly the
+    // left-to-right result.
+#pragma omp parallel num_threads(threads)
     {
         int begin, end;
         threadShare(cols, begin, end);
-        const int midBegin = std::min(std::max(begin, interiorBegin), end);
-        const int midEnd = std::max(std::min(end, interiorEnd), midBegin);
-        for (int y = 0; y < rows; ++y) {
+        const int lo = std::max(begin - kReach, 0);
+        const int hi = std::min(end + kReach, cols);
+        const std::size_t offset =
+            static_cast<std::size_t>(begin) + 2 * kReach * static_cast<std::size_t>(ompThreadNum());
+        std::int32_t* base = scratch + offset;
+        const RowWork work{lo,
+                           base,
+                           base + perArray,
+                           base + 2 * perArray,
+                           base + 3 * perArray,
+                           base + 4 * perArray,
+                           base + 5 * perArray,
+                           base + 6 * perArray};
+        std::copy(linePattern + lo, linePattern + hi, work.line);
+
+        // Columns whose neighbourhood needs no clamping: [kReach, cols - kReach).
+        const auto interior = [&](int from, int to, int& midFrom, int& midTo) {
+            midFrom = std::min(std::max(from, kReach), to);
+            midTo = std::max(std::min(to, cols - kReach), midFrom);
+        };
+        int measureFrom, measureTo, correctFrom, correctTo;
+        interior(lo, hi, measureFrom, measureTo);
+        interior(begin, end, correctFrom, correctTo);
+
+        for (int y = 0; y < rows && begin < end; ++y) {
             const short* up = src[std::max(y - 1, 0)];
             const short* mid = src[y];
             const short* down = src[std::min(y + 1, rows - 1)];
-            for (int c = begin; c < midBegin; ++c)
-                measureColumn<true>(up, mid, down, c, last, settings, line, work);
-            for (int c = midBegin; c < midEnd; ++c)
-                measureColumn<false>(up, mid, down, c, last, settings, line, work);
-            for (int c = midEnd; c < end; ++c)
-                measureColumn<true>(up, mid, down, c, last, settings, line, work);
-#pragma omp barrier
+            for (int c = lo; c < measureFrom; ++c)
+                measureColumn<true>(up, mid, down, c, last, settings, work);
+            for (int c = measureFrom; c < measureTo; ++c)
+                measureColumn<false>(up, mid, down, c, last, settings, work);
+            for (int c = measureTo; c < hi; ++c)
+                measureColumn<true>(up, mid, down, c, last, settings, work);
+
             short* out = dst[y];
             std::int32_t* frame = mFramePattern[y];
-            for (int c = begin; c < midBegin; ++c)
+            for (int c = begin; c < correctFrom; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
-            for (int c = midBegin; c < midEnd; ++c)
+            for (int c = correctFrom; c < correctTo; ++c)
                 correctColumn<false>(mid, out, frame, c, last, settings, work);
-            for (int c = midEnd; c < end; ++c)
+            for (int c = correctTo; c < end; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
-#pragma omp barrier
         }
+        // Every thread has read its margins of the line pattern: store the own share.
+#pragma omp barrier
+        std::copy(work.line + (begin - lo), work.line + (end - lo), linePattern + begin);
     }
 }
 

@@ -29,8 +29,8 @@ namespace kro {
 // Rows are processed top to bottom and, within a row, the line pattern is
 // updated column after column from left to right: a pixel sees the updated
 // line values of the four columns to its left and the previous row's values
-// to its right. The columns of a row run in parallel with exactly that result,
-// whatever the number of threads. Copies share the pattern images (cv::Mat
+// to its right. The columns are shared among threads with exactly that
+// result, whatever the number of threads. Copies share the pattern images (cv::Mat
 // semantics); one object serves one call at a time.
 class KROLIB_EXPORT StaticPatternRemover {
 public:
@@ -70,7 +70,8 @@ private:
     std::int32_t mReserved = 0;  // kept for layout compatibility, unused
     std::int32_t mMinInit = 2147483647;
     std::int32_t mMaxInit = -2147483647 - 1;
-    // Per-row work space (six values per column), sized by init().
+    // Work space of the threads (seven values per column and margin), grown
+    // by process() when the width or the thread count asks for more.
     std::vector<std::int32_t> mRowScratch;
 };
 
