@@ -16,7 +16,16 @@ int UnsharpMask::unsharp(cv::Mat& src, cv::Mat& dst, double amount, double sigma
     }
 
     cv::Mat blurred;
-    cv::GaussianBlur(src, blurred, cv::Size(0, 0), sigma, sigma);
+    if (src.depth() == CV_8S) {
+        // OpenCV's Gaussian blur has no 8-bit signed path: blur in float and
+        // round back.
+        cv::Mat asFloat;
+        src.convertTo(asFloat, CV_32F);
+        cv::GaussianBlur(asFloat, asFloat, cv::Size(0, 0), sigma, sigma);
+        asFloat.convertTo(blurred, src.type());
+    } else {
+        cv::GaussianBlur(src, blurred, cv::Size(0, 0), sigma, sigma);
+    }
     cv::Mat diff;
     cv::subtract(src, blurred, diff);  // saturated in the element type of src
 
