@@ -1,0 +1,680 @@
+#include "SrFloatMinimization.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "detail/OmpHelpers.h"
+#include "detail/SparseConvRows.h"
+#include "detail/Throw.h"
+
+namespace velmor {
+namespace kro {
+
+namespace {
+
+// Below this many full-grid elements a solve runs on the calling thread: the
+// whole solve of a 160x120 frame set takes about as long as a handful of
+// thread wake-ups on a loaded machine.
+constexpr int kMinParallelFullSize = 150000;
+
+// 1/sqrt(2) for the diagonal TV differences.
+const float kInvSqrt2 = static_cast<float>(1.0 / std::sqrt(2.0));
+
+std::size_t roundUp16(std::size_t n)
+{
+    return (n + 15) / 16 * 16;
+}
+
+// Validated arguments for the convolution member, checked before anything is
+// derived from them.
+float checkedFactor(float factor)
+{
+    if (!std::isfinite(factor) || factor < 1.0f || factor > 64.0f)
+        KRO_THROW("invalid super-resolution factor " << factor);
+    return factor;
+}
+
+int fineSize(int lowSize, float factor)
+{
+    if (lowSize < 1 || lowSize > (1 << 20))
+        KRO_THROW("invalid frame size " << lowSize);
+    return static_cast<int>(lowSize * checkedFactor(factor));
+}
+
+int psfSizeFor(float factor)
+{
+    return static_cast<int>(checkedFactor(factor) * 3.0);
+}
+
+// The closed-form approximation of the error function that the PSF is
+// defined with (not the library erf): single precision, with exp and sqrt in
+// double, and erf(0) = 0 exactly.
+float erfApprox(float x)
+{
+    if (x == 0.0f)
+        return 0.0f;
+    const float a = 0.1400123f;
+    const float x2 = x * x;
+    const float exponent = -x2 * (1.2732395f + a * x2) / (1.0f + a * x2);
+    const float magnitude = static_cast<float>(std::sqrt(1.0 - std::exp(static_cast<double>(exponent))));
+    return x < 0.0f ? -magnitude : magnitude;
+}
+
+// Double sums of one row in eight fixed lanes, combined in a fixed order: the
+// same value whatever thread computes the row, and fast enough not to
+// dominate a pass. Float products are exact in double.
+template <class Term>
+double laneSum(int n, Term term)
+{
+    double lane[8] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    int j = 0;
+    for (; j + 8 <= n; j += 8)
+        for (int k = 0; k < 8; ++k)
+            lane[k] += term(j + k);
+    for (int k = 0; j < n; ++j, ++k)
+        lane[k] += term(j);
+    return ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
+}
+
+double rowSum(const float* a, int n)
+{
+    return laneSum(n, [a](int j) { return static_cast<double>(a[j]); });
+}
+
+double rowDot(const float* a, const float* b, int n)
+{
+    return laneSum(n, [a, b](int j) { return static_cast<double>(a[j]) * static_cast<double>(b[j]); });
+}
+
+double rowSquaredDeviation(const float* a, int n, double mean)
+{
+    return laneSum(n, [a, mean](int j) {
+        const double d = static_cast<double>(a[j]) - mean;
+        return d * d;
+    });
+}
+
+struct TvWeights {
+    const float* Lc;
+    const float* Lr;
+    const float* Ld;
+    const float* Ldl;
+    const float* Ldr;
+};
+
+// One element of out = L x, with the neighbours outside the grid omitted.
+inline float stencilElement(const TvWeights& L, const float* x, std::size_t p, int c, int W,
+                            bool up, bool down)
+{
+    const bool left = c > 0;
+    const bool right = c + 1 < W;
+    float v = L.Lc[p] * x[p];
+    if (right)
+        v += L.Lr[p] * x[p + 1];
+    if (left)
+        v += L.Lr[p - 1] * x[p - 1];
+    if (down)
+        v += L.Ld[p] * x[p + W];
+    if (up)
+        v += L.Ld[p - W] * x[p - W];
+    if (down && right)
+        v += L.Ldr[p] * x[p + W + 1];
+    if (up && left)
+        v += L.Ldr[p - W - 1] * x[p - W - 1];
+    if (down && left)
+        v += L.Ldl[p] * x[p + W - 1];
+    if (up && right)
+        v += L.Ldl[p - W + 1] * x[p - W + 1];
+    return v;
+}
+
+// Row r of out = L x: the first and last columns element by element, the
+// interior as one branch-free loop (same terms, same order).
+template <bool Up, bool Down>
+void stencilRow(const TvWeights& L, const float* x, int r, int W, float* out)
+{
+    const std::size_t p0 = static_cast<std::size_t>(r) * W;
+    out[0] = stencilElement(L, x, p0, 0, W, Up, Down);
+    for (int c = 1; c < W - 1; ++c) {
+        const std::size_t p = p0 + c;
+        float v = L.Lc[p] * x[p];
+        v += L.Lr[p] * x[p + 1];
+        v += L.Lr[p - 1] * x[p - 1];
+        if constexpr (Down)
+            v += L.Ld[p] * x[p + W];
+        if constexpr (Up)
+            v += L.Ld[p - W] * x[p - W];
+        if constexpr (Down)
+            v += L.Ldr[p] * x[p + W + 1];
+        if constexpr (Up)
+            v += L.Ldr[p - W - 1] * x[p - W - 1];
+        if constexpr (Down)
+            v += L.Ldl[p] * x[p + W - 1];
+        if constexpr (Up)
+            v += L.Ldl[p - W + 1] * x[p - W + 1];
+        out[c] = v;
+    }
+    if (W > 1)
+        out[W - 1] = stencilElement(L, x, p0 + W - 1, W - 1, W, Up, Down);
+}
+
+} // namespace
+
+SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, float factor_)
+    : DebugChannel("SrFloat"), width(width_), height(height_), psfSize(psfSizeFor(factor_)),
+      fullWidth(0), fullHeight(0), fullSize(0), nFrames(nFrames_), factor(factor_),
+      psfSigma(0.0f), weightTV(0.0f), relRes(0.007f), maxIter(8),
+      convolution(fineSize(width_, factor_), fineSize(height_, factor_), psfSize, psfSize,
+                  factor_),
+      step(convolution.getStep()), negInvWeightTV(0.0f), epsilon(0.0f), invEpsilon(0.0f),
+      rr(0.0f), invNormB2(0.0f), alpha(0.0f), beta(0.0f), rrNew(0.0), converged(false),
+      refMean(0.0), mean(0.0f), sigma(1.0f), totalIterations(0), threadCapacity(1),
+      threadWorkStride(0)
+{
+    if (nFrames < 1)
+        KRO_THROW("invalid number of frames " << nFrames);
+    // A non-integer factor may truncate the fine grid so that it no longer
+    // holds width x height samples; the frames would then not match the model.
+    if (convolution.getLowWidth() != width || convolution.getLowHeight() != height)
+        KRO_THROW("factor " << factor << " does not map " << width << "x" << height
+                            << " frames onto a whole fine grid");
+
+    fullWidth = static_cast<int>(width * factor + psfSize - 1.0);
+    fullHeight = static_cast<int>(height * factor + psfSize - 1.0);
+    fullSize = fullWidth * fullHeight;
+
+    basePsf.assign(psfSize, 0.0f);
+    psfX.assign(nFrames, std::vector<float>(psfSize, 0.0f));
+    psfY.assign(nFrames, std::vector<float>(psfSize, 0.0f));
+    lowBuffer.assign(static_cast<std::size_t>(nFrames) * width * height, 0.0f);
+    for (std::vector<float>* array : {&B, &U, &Lr, &Ld, &Ldl, &Ldr, &Lc, &R, &S, &Q})
+        array->assign(fullSize, 0.0f);
+    rowSums.assign(std::max(fullHeight, height), 0.0);
+
+    // Per thread: one full row in phase layout, one low-resolution row, and
+    // a ring of psfSize horizontally filtered rows per frame.
+    threadCapacity = detail::ompThreadCapacity();
+    threadWorkStride = roundUp16(fullWidth) + roundUp16(width) +
+                       static_cast<std::size_t>(nFrames) * psfSize * roundUp16(width);
+    threadWork.assign(threadWorkStride * threadCapacity, 0.0f);
+    ringRows.assign(static_cast<std::size_t>(psfSize) * threadCapacity, -1);
+
+    setPsfSigma(0.683f);
+    setWeightTV(400.0f);
+    setEpsilon(0.1f);
+}
+
+SrFloatMinimization::~SrFloatMinimization() = default;
+
+void SrFloatMinimization::setPsfSigma(float sigma_)
+{
+    psfSigma = sigma_;
+    std::fill(basePsf.begin(), basePsf.end(), 0.0f);
+    const int c = psfSize / 2;
+    const float s = std::sqrt(2.0f) * psfSigma;
+    float sum = 0.0f;
+    // Integral of the Gaussian over fine pixel [j, j+1], mirrored about the
+    // centre. The taps beyond `factor` from the centre stay 0 and leave room
+    // for the sub-pixel shift of generatePsfs. (The bounds on c are always met
+    // for the factors the constructor accepts; they only guard the indices.)
+    for (int j = 0; static_cast<float>(j) < factor && c + j < psfSize && c - 1 - j >= 0; ++j) {
+        const float t = (erfApprox((j + 1) / s) - erfApprox(j / s)) * 0.5f;
+        basePsf[c + j] = t;
+        basePsf[c - 1 - j] = t;
+        sum += 2.0f * t;
+    }
+    for (float& tap : basePsf)
+        tap /= sum;
+}
+
+void SrFloatMinimization::setWeightTV(float weight)
+{
+    weightTV = weight;
+    negInvWeightTV = -1.0f / weightTV;
+}
+
+void SrFloatMinimization::setEpsilon(float eps)
+{
+    epsilon = eps;
+    invEpsilon = 1.0f / epsilon;
+}
+
+void SrFloatMinimization::setRelRes(float residue) { relRes = residue; }
+
+void SrFloatMinimization::setMaxIter(int iterations) { maxIter = iterations; }
+
+void SrFloatMinimization::generatePsfs(int nFrames_, PointF* const shifts)
+{
+    // Linear interpolation of the base PSF by the sub-pixel shift in fine
+    // pixels (valid for |shift * factor| <= 1).
+    auto shifted = [this](float s, std::vector<float>& psf) {
+        if (s < 0.0f) {
+            psf[0] = 0.0f;
+            for (int k = 1; k < psfSize; ++k)
+                psf[k] = basePsf[k - 1] * (-s) + basePsf[k] * (1.0f + s);
+        } else {
+            for (int k = 0; k < psfSize - 1; ++k)
+                psf[k] = basePsf[k + 1] * s + basePsf[k] * (1.0f - s);
+            psf[psfSize - 1] = 0.0f;
+        }
+    };
+    for (int i = 0; i < nFrames_; ++i) {
+        shifted(shifts[i].x * factor, psfX[i]);
+        shifted(shifts[i].y * factor, psfY[i]);
+    }
+}
+
+void SrFloatMinimization::computeL()
+{
+    const int W = fullWidth;
+    const int H = fullHeight;
+    const float eps = epsilon;
+    const float invEps = invEpsilon;
+    const float w = negInvWeightTV;
+    const float halfW = 0.5f * negInvWeightTV;
+    auto clampD = [eps, invEps](float d) { return std::min(std::max(d, eps), invEps); };
+
+#pragma omp for schedule(static)
+    for (int y = 0; y < H; ++y) {
+        const std::size_t p0 = static_cast<std::size_t>(y) * W;
+        const float* u = U.data() + p0;
+        float* lr = Lr.data() + p0;
+        float* ld = Ld.data() + p0;
+        float* ldl = Ldl.data() + p0;
+        float* ldr = Ldr.data() + p0;
+        for (int x = 0; x < W - 1; ++x)
+            lr[x] = w / clampD(std::fabs(u[x + 1] - u[x]));
+        lr[W - 1] = 0.0f;
+        if (y == H - 1) {
+            std::fill(ld, ld + W, 0.0f);
+            std::fill(ldl, ldl + W, 0.0f);
+            std::fill(ldr, ldr + W, 0.0f);
+            continue;
+        }
+        const float* below = u + W;
+        for (int x = 0; x < W; ++x)
+            ld[x] = w / clampD(std::fabs(below[x] - u[x]));
+        for (int x = 0; x < W - 1; ++x)
+            ldr[x] = halfW / clampD(std::fabs(below[x + 1] - u[x]) * kInvSqrt2);
+        ldr[W - 1] = 0.0f;
+        ldl[0] = 0.0f;
+        for (int x = 1; x < W; ++x)
+            ldl[x] = halfW / clampD(std::fabs(below[x - 1] - u[x]) * kInvSqrt2);
+    }
+    // (implicit barrier: the centre weight reads the row above)
+
+    // Centre weight: minus the sum of the weights of all eight neighbours,
+    // so that every row of the operator sums to zero.
+#pragma omp for schedule(static)
+    for (int y = 0; y < H; ++y) {
+        const std::size_t p0 = static_cast<std::size_t>(y) * W;
+        const float* lr = Lr.data() + p0;
+        const float* ld = Ld.data() + p0;
+        const float* ldl = Ldl.data() + p0;
+        const float* ldr = Ldr.data() + p0;
+        float* lc = Lc.data() + p0;
+        if (y == 0) {
+            lc[0] = -(lr[0] + ld[0] + ldl[0] + ldr[0]);
+            for (int x = 1; x < W; ++x)
+                lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1]);
+            continue;
+        }
+        const float* ldUp = ld - W;
+        const float* ldrUp = ldr - W;
+        const float* ldlUp = ldl - W;
+        lc[0] = W > 1 ? -(lr[0] + ld[0] + ldl[0] + ldr[0] + ldUp[0] + ldlUp[1])
+                      : -(lr[0] + ld[0] + ldl[0] + ldr[0] + ldUp[0]);
+        for (int x = 1; x < W - 1; ++x)
+            lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1] + ldUp[x] + ldrUp[x - 1] +
+                      ldlUp[x + 1]);
+        if (W > 1) {
+            const int x = W - 1;
+            lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1] + ldUp[x] + ldrUp[x - 1]);
+        }
+    }
+}
+
+void SrFloatMinimization::predictFrames(const float* x, int nFrames_)
+{
+    // Each thread owns a band of low-resolution rows. Row i needs the
+    // horizontally filtered full rows 2i .. 2i + psfSize - 1; a ring of
+    // psfSize filtered rows per frame keeps the ones still needed, so each
+    // full row is read once per band for all frames.
+    const int t = detail::ompThreadNum();
+    float* work = threadWork.data() + threadWorkStride * t;
+    float* phases = work;
+    const std::size_t lowStride = roundUp16(width);
+    float* ring = work + roundUp16(fullWidth) + lowStride;
+    int* ringRow = ringRows.data() + static_cast<std::size_t>(psfSize) * t;
+    std::fill(ringRow, ringRow + psfSize, -1);
+    auto ringSlot = [&](int f, int slot) {
+        return ring + (static_cast<std::size_t>(f) * psfSize + slot) * lowStride;
+    };
+    const std::size_t frameSize = static_cast<std::size_t>(width) * height;
+
+#pragma omp for schedule(static)
+    for (int i = 0; i < height; ++i) {
+        for (int k = 0; k < psfSize; ++k) {
+            const int r = 2 * i + k;
+            const int slot = r % psfSize;
+            if (ringRow[slot] == r)
+                continue;
+            detail::deinterleaveRow(x + static_cast<std::size_t>(r) * fullWidth, fullWidth, step,
+                                    phases);
+            for (int f = 0; f < nFrames_; ++f)
+                detail::correlateSampledRow(phases, fullWidth, step, psfX[f].data(), psfSize,
+                                            width, ringSlot(f, slot));
+            ringRow[slot] = r;
+        }
+        for (int f = 0; f < nFrames_; ++f) {
+            const float* psf = psfY[f].data();
+            detail::weightedRowSum([&](int k) { return ringSlot(f, (2 * i + k) % psfSize); },
+                                   [psf](int k) { return psf[k]; }, psfSize, width,
+                                   lowBuffer.data() + f * frameSize +
+                                       static_cast<std::size_t>(i) * width);
+        }
+    }
+}
+
+void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
+                                     const float* const* sources, float* out, RowFinish finish)
+{
+    const int W = fullWidth;
+    const int t = detail::ompThreadNum();
+    float* work = threadWork.data() + threadWorkStride * t;
+    float* phases = work;
+    float* v = work + roundUp16(fullWidth);
+    const std::size_t frameSize = static_cast<std::size_t>(width) * height;
+    const TvWeights L{Lc.data(), Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
+
+#pragma omp for schedule(static)
+    for (int r = 0; r < fullHeight; ++r) {
+        const std::size_t p0 = static_cast<std::size_t>(r) * W;
+        float* o = out + p0;
+        if (finish == RowFinish::BackProjection) {
+            std::fill(o, o + W, 0.0f);
+        } else {
+            const bool up = r > 0;
+            const bool down = r + 1 < fullHeight;
+            if (up && down)
+                stencilRow<true, true>(L, x, r, W, o);
+            else if (up)
+                stencilRow<true, false>(L, x, r, W, o);
+            else if (down)
+                stencilRow<false, true>(L, x, r, W, o);
+            else
+                stencilRow<false, false>(L, x, r, W, o);
+        }
+
+        // Back-projection of every frame onto row r, added frame by frame:
+        // the vertical pass gathers the taps that reach this row, the
+        // horizontal pass spreads the result over the row.
+        int count = 0;
+        const int k0 = detail::firstVerticalTap(r, height, psfSize, &count);
+        for (int f = 0; f < nFrames_; ++f) {
+            const float* low = sources ? sources[f] : lowBuffer.data() + f * frameSize;
+            const char* mask = masks[f];
+            const float* psf = psfY[f].data();
+            const auto lowRow = [&](int tap) {
+                return static_cast<std::size_t>((r - k0) / 2 - tap) * width;
+            };
+            detail::maskedWeightedRowSum([&](int tap) { return low + lowRow(tap); },
+                                         [&](int tap) { return mask + lowRow(tap); },
+                                         [&](int tap) { return psf[k0 + 2 * tap]; }, count,
+                                         width, v);
+            detail::convolveUpsampledRow(v, width, step, psfX[f].data(), psfSize, W, phases);
+            detail::interleaveRowAdd(phases, W, step, o);
+        }
+
+        switch (finish) {
+        case RowFinish::None:
+            break;
+        case RowFinish::DotWithInput:
+            rowSums[r] = rowDot(x + p0, o, W);
+            break;
+        case RowFinish::ResidualFromB: {
+            const float* b = B.data() + p0;
+            float* s = S.data() + p0;
+            for (int c = 0; c < W; ++c) {
+                o[c] = b[c] - o[c];
+                s[c] = o[c];
+            }
+            rowSums[r] = rowDot(o, o, W);
+            break;
+        }
+        case RowFinish::BackProjection:
+            std::copy(o, o + W, U.data() + p0);
+            rowSums[r] = rowDot(o, o, W);
+            break;
+        }
+    }
+}
+
+void SrFloatMinimization::applyOperator(const float* x, int nFrames_, char** masks, float* out,
+                                        RowFinish finish)
+{
+    // The frames are interleaved row by row in the fused passes, so the
+    // per-frame traces are sent up front.
+    masterTrace("start gradient");
+    for (int f = 0; f < nFrames_; ++f)
+        masterTraceValue("gradient for frame: ", f);
+    predictFrames(x, nFrames_);
+    finishRows(x, nFrames_, masks, nullptr, out, finish);
+}
+
+void SrFloatMinimization::gradient(float* const x, int nFrames_, char** masks, float* out)
+{
+    applyOperator(x, nFrames_, masks, out, RowFinish::None);
+}
+
+int SrFloatMinimization::conjugateGradients(int nFrames_, char** masks, int maxSmall)
+{
+    // With no step allowed the large iteration can only report 0 and leaves
+    // U untouched, so the weights and the first residual are not computed.
+    if (maxSmall <= 0)
+        return 0;
+
+    computeL();
+    applyOperator(U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
+#pragma omp single
+    rr = static_cast<float>(detail::sumInOrder(rowSums.data(), fullHeight));
+
+    if (relRes * relRes > invNormB2 * rr)
+        return 0;
+    for (int k = 0; k < maxSmall; ++k) {
+        masterTraceValue("start small iteration: ", k);
+        if (iteration(k, nFrames_, masks)) {
+            masterTraceValue("abort small iteration: ", k);
+            return k + 1;
+        }
+        masterTraceValue("end small iteration: ", k);
+    }
+    return maxSmall;
+}
+
+bool SrFloatMinimization::iteration(int /*k*/, int nFrames_, char** masks)
+{
+    applyOperator(S.data(), nFrames_, masks, Q.data(), RowFinish::DotWithInput);
+#pragma omp single
+    alpha = static_cast<float>(rr / detail::sumInOrder(rowSums.data(), fullHeight));
+
+    const int W = fullWidth;
+    const float a = alpha;
+#pragma omp for schedule(static)
+    for (int r = 0; r < fullHeight; ++r) {
+        const std::size_t p0 = static_cast<std::size_t>(r) * W;
+        float* res = R.data() + p0;
+        const float* q = Q.data() + p0;
+        for (int c = 0; c < W; ++c)
+            res[c] = res[c] - a * q[c];
+        rowSums[r] = rowDot(res, res, W);
+    }
+
+#pragma omp single
+    {
+        rrNew = detail::sumInOrder(rowSums.data(), fullHeight);
+        converged = relRes * relRes > invNormB2 * rrNew;
+        if (!converged) {
+            beta = static_cast<float>(rrNew / rr);
+            rr = static_cast<float>(rrNew);
+        }
+    }
+
+    // U = U + alpha * S is done here, in the same pass as the new search
+    // direction; nothing in between reads U.
+    const float b = beta;
+    const bool done = converged;
+#pragma omp for schedule(static)
+    for (int r = 0; r < fullHeight; ++r) {
+        const std::size_t p0 = static_cast<std::size_t>(r) * W;
+        float* u = U.data() + p0;
+        float* s = S.data() + p0;
+        const float* res = R.data() + p0;
+        if (done) {
+            for (int c = 0; c < W; ++c)
+                u[c] = u[c] + a * s[c];
+        } else {
+            for (int c = 0; c < W; ++c) {
+                u[c] = u[c] + a * s[c];
+                s[c] = s[c] * b + res[c];
+            }
+        }
+    }
+    return done;
+}
+
+void SrFloatMinimization::normalizeFrames(int nFrames_, int refIndex, float** const frames)
+{
+    const float* ref = frames[refIndex];
+    const double count = static_cast<double>(width) * height;
+#pragma omp for schedule(static)
+    for (int y = 0; y < height; ++y)
+        rowSums[y] = rowSum(ref + static_cast<std::size_t>(y) * width, width);
+#pragma omp single
+    refMean = detail::sumInOrder(rowSums.data(), height) / count;
+
+    const double m = refMean;
+#pragma omp for schedule(static)
+    for (int y = 0; y < height; ++y)
+        rowSums[y] = rowSquaredDeviation(ref + static_cast<std::size_t>(y) * width, width, m);
+#pragma omp single
+    {
+        sigma = std::sqrt(static_cast<float>(detail::sumInOrder(rowSums.data(), height) / count));
+        mean = static_cast<float>(refMean);
+    }
+
+    const float mu = mean;
+    const float sd = sigma;
+#pragma omp for schedule(static)
+    for (int row = 0; row < nFrames_ * height; ++row) {
+        float* p = frames[row / height] + static_cast<std::size_t>(row % height) * width;
+        for (int x = 0; x < width; ++x)
+            p[x] = (p[x] - mu) / sd;
+    }
+}
+
+void SrFloatMinimization::masterTrace(const char* text)
+{
+#pragma omp master
+    {
+        try {
+            trace(text);
+        } catch (...) {
+            if (!traceFailure)
+                traceFailure = std::current_exception();
+        }
+    }
+}
+
+void SrFloatMinimization::masterTraceValue(const char* text, int value)
+{
+#pragma omp master
+    {
+        try {
+            if (isDebugActive(kDebugLevelTrace))
+                send(text + std::to_string(value), kDebugLevelTrace);
+        } catch (...) {
+            if (!traceFailure)
+                traceFailure = std::current_exception();
+        }
+    }
+}
+
+int SrFloatMinimization::regionThreads() const
+{
+    if (fullSize < kMinParallelFullSize)
+        return 1;
+    return std::max(1, std::min(detail::ompMaxThreads(), threadCapacity));
+}
+
+int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const frames,
+                                  PointF* const shifts, char** masks, float* output)
+{
+    if (nFrames_ < 1 || nFrames_ > nFrames)
+        KRO_THROW("invalid number of frames " << nFrames_ << " (object built for " << nFrames
+                                              << ")");
+    if (refIndex < 0 || refIndex >= nFrames_)
+        KRO_THROW("invalid reference index " << refIndex << " for " << nFrames_ << " frames");
+    if (!frames || !shifts || !masks || !output)
+        KRO_THROW("null array passed to minimize");
+    for (int i = 0; i < nFrames_; ++i)
+        if (!frames[i] || !masks[i])
+            KRO_THROW("null frame or mask " << i << " passed to minimize");
+
+    trace("start minimize");
+    traceFailure = nullptr;
+    generatePsfs(nFrames_, shifts);
+
+    const int outWidth = static_cast<int>(width * factor);
+    const int outHeight = static_cast<int>(height * factor);
+    const int o = (psfSize - 1) / 2;
+    const int nThreads = regionThreads();
+
+    // One parallel region for the whole solve: the steps share their loops
+    // among the team, so the threads are woken once per call.
+#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
+    {
+        normalizeFrames(nFrames_, refIndex, frames);
+
+        // B = sum of the back-projected frames, U = B, and 1/||B||^2.
+        finishRows(nullptr, nFrames_, masks, frames, B.data(), RowFinish::BackProjection);
+#pragma omp single
+        invNormB2 = static_cast<float>(1.0 / detail::sumInOrder(rowSums.data(), fullHeight));
+
+        // maxIter bounds both the large iterations and the total of small ones.
+        int total = 0;
+        if (maxIter > 0) {
+            int large = 0;
+            int k = 0;
+            do {
+                masterTraceValue("start large iteration: ", large);
+                k = conjugateGradients(nFrames_, masks, maxIter - total);
+                total += k;
+                masterTraceValue("end large iteration: ", large);
+            } while (k != 0 && ++large < maxIter);
+        }
+#pragma omp single
+        totalIterations = total;
+        masterTraceValue("cummulated iterations ", total);
+
+        const float mu = mean;
+        const float sd = sigma;
+#pragma omp for schedule(static)
+        for (int y = 0; y < outHeight; ++y) {
+            const float* u = U.data() + static_cast<std::size_t>(y + o) * fullWidth + o;
+            float* dst = output + static_cast<std::size_t>(y) * outWidth;
+            for (int x = 0; x < outWidth; ++x)
+                dst[x] = u[x] * sd + mu;
+        }
+    }
+
+    if (traceFailure)
+        std::rethrow_exception(traceFailure);
+    trace("end minimize");
+    return totalIterations;
+}
+
+} // namespace kro
+} // namespace velmor
