@@ -15,6 +15,8 @@ namespace {
 constexpr int kMaxGain = 31;
 constexpr int kMinK = 13;   // share 13/32 of the deviation kept in flat areas
 constexpr int kFullK = 32;  // all of it
+// Below this many pixels a second thread costs more than it saves.
+constexpr long long kMinPixelsForThreads = 1 << 14;
 
 // One output pixel from its 3x3 block (rows up/mid/down, columns l, c, r),
 // with k = min(sad, 19 * gain) / gain + 13 by the reciprocal of the gain.
@@ -92,7 +94,8 @@ void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& d
         return static_cast<short>(mean - 32768 + (((mid[c] + 32768 - mean) * k + 16) >> 5));
     };
 
-#pragma omp parallel for schedule(static)
+    const bool parallel = static_cast<long long>(rows) * cols >= kMinPixelsForThreads;
+#pragma omp parallel for schedule(static) if (parallel)
     for (int y = 0; y < rows; ++y) {
         const short* up = src[std::max(y - 1, 0)];
         const short* mid = src[y];

@@ -34,11 +34,9 @@ inline std::int32_t bound(std::int32_t value, std::int32_t limit, int shift)
 {
     const std::int32_t unit = 1 << shift;
     const std::int32_t coarse = value >> shift;
-    if (coarse >= limit)
-        return limit * unit;
-    if (coarse <= -limit - 1)
-        return (-limit - 1) * unit + unit - 1;
-    return value;
+    const std::int32_t upper = limit * unit;
+    const std::int32_t lower = (-limit - 1) * unit + unit - 1;
+    return coarse >= limit ? upper : (coarse <= -limit - 1 ? lower : value);
 }
 
 // Column index `offset` away from c: clamped into [0, last] at the borders,
@@ -54,15 +52,18 @@ struct Spread {
     std::int32_t spread;  // max(|min - mean8|, |max - mean8|), mean8 = sum8 >> 3
 };
 
-inline Spread spreadOf(const std::int32_t (&u)[9], std::int32_t minInit, std::int32_t maxInit)
+// Spread of nine samples, a4 the centre. Written out for the vectoriser.
+inline Spread spreadOf(std::int32_t a0, std::int32_t a1, std::int32_t a2, std::int32_t a3,
+                       std::int32_t a4, std::int32_t a5, std::int32_t a6, std::int32_t a7,
+                       std::int32_t a8, std::int32_t minInit, std::int32_t maxInit)
 {
-    std::int32_t low = minInit, high = maxInit, sum = 0;
-    for (int i = 0; i < 9; ++i) {
-        low = std::min(low, u[i]);
-        high = std::max(high, u[i]);
-        sum += u[i];
-    }
-    const std::int32_t sum8 = sum - u[4];
+    const std::int32_t low = std::min(
+        std::min(std::min(std::min(minInit, a0), std::min(a1, a2)), std::min(std::min(a3, a4), a5)),
+        std::min(std::min(a6, a7), a8));
+    const std::int32_t high = std::max(
+        std::max(std::max(std::max(maxInit, a0), std::max(a1, a2)), std::max(std::max(a3, a4), a5)),
+        std::max(std::max(a6, a7), a8));
+    const std::int32_t sum8 = a0 + a1 + a2 + a3 + a5 + a6 + a7 + a8;
     const std::int32_t mean8 = sum8 >> 3;
     return {sum8, std::max(std::abs(low - mean8), std::abs(high - mean8))};
 }
@@ -100,14 +101,15 @@ inline void measureColumn(const short* up, const short* mid, const short* down, 
 {
     const int l = column<kClamp>(c, -1, last);
     const int r = column<kClamp>(c, 1, last);
-    const std::int32_t block[9] = {up[l] + 32768,  up[c] + 32768,  up[r] + 32768,
-                                   mid[l] + 32768, mid[c] + 32768, mid[r] + 32768,
-                                   down[l] + 32768, down[c] + 32768, down[r] + 32768};
-    std::int32_t run[9];
-    for (int j = 0; j < 9; ++j)
-        run[j] = mid[column<kClamp>(c, j - kReach, last)] + 32768;
-    const Spread s3 = spreadOf(block, s.minInit, s.maxInit);
-    const Spread s9 = spreadOf(run, s.minInit, s.maxInit);
+    const std::int32_t centre = mid[c] + 32768;
+    const Spread s3 = spreadOf(up[l] + 32768, up[c] + 32768, up[r] + 32768, mid[l] + 32768, centre,
+                               mid[r] + 32768, down[l] + 32768, down[c] + 32768, down[r] + 32768,
+                               s.minInit, s.maxInit);
+    const Spread s9 = spreadOf(
+        mid[column<kClamp>(c, -4, last)] + 32768, mid[column<kClamp>(c, -3, last)] + 32768,
+        mid[column<kClamp>(c, -2, last)] + 32768, mid[l] + 32768, centre, mid[r] + 32768,
+        mid[column<kClamp>(c, 2, last)] + 32768, mid[column<kClamp>(c, 3, last)] + 32768,
+        mid[column<kClamp>(c, 4, last)] + 32768, s.minInit, s.maxInit);
     const int i = c - w.base;
     w.sum3[i] = s3.sum8;
     w.sum9[i] = s9.sum8;
@@ -120,7 +122,7 @@ inline void measureColumn(const short* up, const short* mid, const short* down, 
     if (s3.spread < s.threshold07 || s9.spread < s.threshold) {
         // R9 - R9/16 - R9/4 is about 0.7 R9: the block wins when clearly flatter.
         const bool blockFlatter = s3.spread < s9.spread - (s9.spread >> 4) - (s9.spread >> 2);
-        value += 8 * block[4] - lc - (blockFlatter ? s3.sum8 : s9.sum8);
+        value += 8 * centre - lc - (blockFlatter ? s3.sum8 : s9.sum8);
     }
     value = bound(value, s.lineLimit, 13);
     // Asymmetric leak (values 1..3 stay): part of the bit-exact behaviour.
@@ -149,17 +151,20 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
     const std::int32_t r3 = w.spread3[i];
     const std::int32_t r9 = w.spread9[i];
     if (r3 < s.threshold || r9 < s.threshold) {
-        std::int32_t left[kReach], right[kReach];
-        for (int j = 0; j < kReach; ++j) {
-            const int k = column<kClamp>(c, -(j + 1), last);
-            left[j] = k < c ? w.lineAfter[k - w.base] : w.lineBefore[k - w.base];
-            right[j] = w.lineBefore[column<kClamp>(c, j + 1, last) - w.base];
-        }
-        const std::int32_t e3 =
-            w.sum3[i] - div9LessAccurate(3 * (right[0] - 2 * lcHere + left[0]));
+        // In the interior every left neighbour is left of c; at the left
+        // border a clamped neighbour may be c itself.
+        const auto leftOf = [&](int offset) {
+            const int k = column<kClamp>(c, -offset, last);
+            return (!kClamp || k < c) ? w.lineAfter[k - w.base] : w.lineBefore[k - w.base];
+        };
+        const auto rightOf = [&](int offset) {
+            return w.lineBefore[column<kClamp>(c, offset, last) - w.base];
+        };
+        const std::int32_t left1 = leftOf(1), right1 = rightOf(1);
+        const std::int32_t e3 = w.sum3[i] - div9LessAccurate(3 * (right1 - 2 * lcHere + left1));
         const std::int32_t e9 =
-            w.sum9[i] - div9LessAccurate(left[0] + left[1] + left[2] + left[3] + right[0] + right[1] +
-                                         right[2] + right[3] - 8 * lcHere);
+            w.sum9[i] - div9LessAccurate(left1 + leftOf(2) + leftOf(3) + leftOf(4) + right1 +
+                                         rightOf(2) + rightOf(3) + rightOf(4) - 8 * lcHere);
         const std::int32_t e = std::abs(r9 - r3) < (s.threshold >> 2) ? (e3 + e9) >> 1
                                                                       : (r3 > r9 ? e9 : e3);
         value += 8 * (sample + 32768) - fc - e;
@@ -314,6 +319,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             const short* down = src[std::min(y + 1, rows - 1)];
             for (int c = lo; c < measureFrom; ++c)
                 measureColumn<true>(up, mid, down, c, last, settings, work);
+#pragma omp simd
             for (int c = measureFrom; c < measureTo; ++c)
                 measureColumn<false>(up, mid, down, c, last, settings, work);
             for (int c = measureTo; c < hi; ++c)
@@ -323,6 +329,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             std::int32_t* frame = mFramePattern[y];
             for (int c = begin; c < correctFrom; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
+#pragma omp simd
             for (int c = correctFrom; c < correctTo; ++c)
                 correctColumn<false>(mid, out, frame, c, last, settings, work);
             for (int c = correctTo; c < end; ++c)

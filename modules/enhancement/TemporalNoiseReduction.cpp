@@ -43,6 +43,8 @@ constexpr int kAccuMask = 0x3FFFF;        // 18-bit accumulator
 constexpr int kResetDifference = 131071;  // |accu - 4u| above this resets the pixel
 constexpr int kAlphaBand = 205;       // drift of the feedback around its base
 constexpr int kAlphaMax = 2047;
+// Below this many pixels a second thread costs more than it saves.
+constexpr long long kMinPixelsForThreads = 1 << 14;
 
 } // namespace
 
@@ -109,10 +111,11 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
     const std::int32_t alpha0 = getAlphaHw();
     const int rows = src.rows;
     const int cols = src.cols;
+    const bool parallel = static_cast<long long>(rows) * cols >= kMinPixelsForThreads;
 
     if (mFirstFrame || mAccu.rows != rows || mAccu.cols != cols) {
         mAccu.create(rows, cols);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (parallel)
         for (int r = 0; r < rows; ++r) {
             const short* in = src[r];
             std::int32_t* accu = mAccu[r];
@@ -134,7 +137,7 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
     const std::int32_t* const scaled = feedback.data();
 
     long long motionSum = 0;
-#pragma omp parallel for schedule(static) reduction(+ : motionSum)
+#pragma omp parallel for schedule(static) reduction(+ : motionSum) if (parallel)
     for (int r = 0; r < rows; ++r) {
         const short* in = src[r];
         short* out = dst[r];

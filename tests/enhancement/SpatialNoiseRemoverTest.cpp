@@ -106,7 +106,7 @@ TEST(SpatialNoiseRemover, RegionOfInterestAndReusedOutputMatchModel)
 
 TEST(SpatialNoiseRemover, SameBytesWithOneAndTwoThreads)
 {
-    const cv::Mat_<short> src = makeImage(3, 131, 97, 21);
+    const cv::Mat_<short> src = makeImage(3, 131, 157, 21);
     cv::Mat_<short> out1, out2;
     {
         krotest::ThreadCount count(1);
