@@ -181,7 +181,8 @@ void SuperResolutionBadPixelHandling::classifyByValue_(const cv::Mat_<float>& fr
         unsigned char* status = map[y];
         for (int x = 0; x < frame.cols; ++x) {
             const float& v = row[x];
-            switch (kindOf(bitPattern(v))) {
+            const Kind kind = kindOf(bitPattern(v));
+            switch (kind) {
             case Kind::Marker129:
                 status[x] = kCameraMarked129;
                 break;
@@ -197,7 +198,7 @@ void SuperResolutionBadPixelHandling::classifyByValue_(const cv::Mat_<float>& fr
                     status[x] = kAboveUpperLimit;
                 else if (v < lowerLimit)
                     status[x] = kBelowLowerLimit;
-                else if (kindOf(bitPattern(v)) == Kind::Subnormal)
+                else if (kind == Kind::Subnormal)
                     status[x] = kDefect;
                 else
                     status[x] = kGood;

@@ -76,12 +76,12 @@ namespace kro {
 //     busy texture. On the frame's edge, where the neighbours lie on one side
 //     only, the factor 6 becomes 18 and the quarter 0.375. Dropping the most
 //     extreme neighbour on each side keeps a pair of adjacent defects from
-//     hiding each other. Tuned on real 14-bit driving sequences (160x128 and
+//     hiding each other. Tuned on real 16-bit driving sequences (160x128 and
 //     640x512, 125 frames, scene range about 2500 to 4700 counts, typical
 //     spread about 30): no scene pixel was flagged; of pixels set to 0, 991
-//     of 992 were found, of pixels raised by 1000 counts 98 %, by 300 counts
-//     60 %. Milder defects cannot be told from scene detail in one frame.
-//     About 11 ms per 640x512 frame on one core.
+//     of 992 were found, of pixels raised by 1000 counts 97 %, by 300 counts
+//     about 60 %. Milder defects cannot be told from scene detail in one frame.
+//     Roughly 10 to 15 ms per 640x512 frame on one core.
 //
 // Replacement (getReplacementValue_): the median of the good pixels of the
 // 3x3 neighbourhood; when none is good (a defect inside a cluster), the
@@ -126,8 +126,9 @@ public:
     static constexpr double kGrossOutlierContrast = 0.25;
     static constexpr double kEdgeOutlierFactor = 3.0;
     static constexpr double kEdgeGrossFactor = 1.5;
-    // The detector gives up ("Too many defect pixels...") at this many
-    // pixels that it can neither replace nor excuse as camera markers.
+    // The detector accepts at most this many pixels that it can neither
+    // replace nor excuse as camera markers; at one more it gives up ("Too
+    // many defect pixels. No processing possible.").
     static constexpr int kMaxReallyBadPixels = 10;
 
     static constexpr float kNucLowerLimit = -32767.0f;
