@@ -650,13 +650,10 @@ TEST(BadPixelMarkers, SurviveFlushToZeroAndDenormalsAreZero)
 
 TEST(BadPixelDetection, RealDrivingFramesKeepTheirSceneAndGiveUpTheirDeadPixels)
 {
-    const char* dataDir = std::getenv("KROLIB_TEST_DATA_DIR");
-    const std::string path = std::string(dataDir && *dataDir ? dataDir : KROLIB_TEST_DATA_DIR) +
-                             "/fieldscale-drive/converted/crop_x160_y128_160x128x100_u16.raw";
+    const std::string path = std::string(KROLIB_TEST_DATA_DIR) + "/thermal/drive_crop_160x128x10_u16.raw";
     FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file)
-        GTEST_SKIP() << "real thermal frames not found at " << path;
-    const int rows = 128, cols = 160, count = 20;
+    ASSERT_NE(nullptr, file) << "bundled thermal frames missing: " << path;
+    const int rows = 128, cols = 160, count = 10;
     std::vector<unsigned short> raw(static_cast<size_t>(rows) * cols);
     Handler handler(5);
     std::mt19937 rng(3);
