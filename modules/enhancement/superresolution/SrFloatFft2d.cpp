@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "detail/FftwPlans.h"
+#include "detail/OmpHelpers.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -21,20 +22,40 @@ struct SrFloatFft2dBuffers {
     // Aligned stand-in for a caller's image that lacks the alignment
     // (forward input, backward output); scratch of repairGaussBlur.
     FftwBuffer<float> image;
-    // Aligned copy of a caller's unaligned spectrum in backward.
-    FftwBuffer<fftwf_complex> spectrumIn;
-    // Column-transformed spectrum in backward (the row pass consumes it);
-    // aligned stand-in for a caller's unaligned spectrum in forward.
-    FftwBuffer<fftwf_complex> spectrumWork;
+    // Backward: the spectrum being transformed (the row pass consumes it).
+    // Forward: aligned stand-in for a caller's unaligned spectrum.
+    FftwBuffer<fftwf_complex> spectrum;
 };
 
 } // namespace detail
 
 namespace {
 
-// Below this many pixels, starting the thread team costs more than the work.
-// The blocks are the same either way, so this does not change any result.
-constexpr long kMinParallelPixels = 16384;
+// Threads for one transform: about width * height * log2(width * height)
+// butterflies. The blocks are the same for any count, so this choice never
+// changes a result.
+int transformThreads(int width, int height)
+{
+    const double pixels = static_cast<double>(width) * height;
+    const double work = pixels * std::log2(pixels + 1.0);
+    return detail::threadsForWork(static_cast<std::size_t>(work), detail::ompMaxThreads());
+}
+
+void copyRows(const float* from, float* to, int width, int firstRow, int endRow)
+{
+    const std::size_t begin = static_cast<std::size_t>(firstRow) * width;
+    std::memcpy(to + begin, from + begin, static_cast<std::size_t>(endRow - firstRow) * width * sizeof(float));
+}
+
+// Columns [firstColumn, firstColumn + count) of every row of a spectrum.
+void copyColumns(const fftwf_complex* from, fftwf_complex* to, int spectrumWidth, int height,
+                 int firstColumn, int count)
+{
+    for (int y = 0; y < height; ++y) {
+        const std::size_t at = static_cast<std::size_t>(y) * spectrumWidth + firstColumn;
+        std::memcpy(to + at, from + at, static_cast<std::size_t>(count) * sizeof(fftwf_complex));
+    }
+}
 
 std::unique_ptr<detail::SrFloatFft2dBuffers> makeBuffers(int width, int height)
 {
@@ -42,8 +63,7 @@ std::unique_ptr<detail::SrFloatFft2dBuffers> makeBuffers(int width, int height)
     const std::size_t bins = static_cast<std::size_t>(width / 2 + 1) * height;
     auto buffers = std::make_unique<detail::SrFloatFft2dBuffers>();
     buffers->image = detail::allocateFloats(pixels);
-    buffers->spectrumIn = detail::allocateComplex(bins);
-    buffers->spectrumWork = detail::allocateComplex(bins);
+    buffers->spectrum = detail::allocateComplex(bins);
     return buffers;
 }
 
@@ -72,8 +92,8 @@ std::vector<std::complex<double>> kernelDft(int n, int radius, const float* weig
 {
     std::vector<double> taps(static_cast<std::size_t>(n), 0.0);
     taps[0] += weights[0] * scale;
-    for (int k = 1; k <= radius; ++k) {
-        const int plus = k % n;
+    for (long long k = 1; k <= radius; ++k) {
+        const int plus = static_cast<int>(k % n);
         const int minus = (n - plus) % n;
         taps[static_cast<std::size_t>(plus)] += weights[k] * scale;
         taps[static_cast<std::size_t>(minus)] += weights[k] * scale;
@@ -139,28 +159,28 @@ void SrFloatFft2d::forward(float* image, float (*spectrum)[2])
 {
     if (!image || !spectrum)
         KRO_THROW("null image or spectrum");
-    const std::size_t pixels = static_cast<std::size_t>(width) * height;
-    const std::size_t bins = static_cast<std::size_t>(getSpectrumSize());
     const int spectrumWidth = width / 2 + 1;
     const int last = width / 2;
     const bool oddWidth = width % 2 != 0;
-
-    const float* source = image;
-    if (!detail::hasFftwAlignment(image)) {
-        std::memcpy(buffers->image.get(), image, pixels * sizeof(float));
-        source = buffers->image.get();
-    }
-    fftwf_complex* target =
-        detail::hasFftwAlignment(spectrum) ? spectrum : buffers->spectrumWork.get();
+    // Arrays without the plans' alignment are staged block by block through
+    // the aligned work buffers (results are the same either way).
+    const bool stageImage = !detail::hasFftwAlignment(image);
+    const bool stageSpectrum = !detail::hasFftwAlignment(spectrum);
+    float* source = stageImage ? buffers->image.get() : image;
+    fftwf_complex* target = stageSpectrum ? buffers->spectrum.get() : spectrum;
     const detail::FftwPlans2d& p = *plans;
+    const int threads = transformThreads(width, height);
 
-#pragma omp parallel if (static_cast<long>(width) * height >= kMinParallelPixels)
+#pragma omp parallel num_threads(threads) if (threads > 1)
     {
 #pragma omp for schedule(static)
         for (int block = 0; block < p.rowBlocks(); ++block) {
+            const int first = p.firstRow(block);
+            const int end = first + p.rowsIn(block);
+            if (stageImage)
+                copyRows(image, source, width, first, end);
             p.forwardRows(block, source, target);
-            const int end = p.firstRow(block) + p.rowsIn(block);
-            for (int y = p.firstRow(block); y < end; ++y) {
+            for (int y = first; y < end; ++y) {
                 fftwf_complex* row = target + static_cast<std::size_t>(y) * spectrumWidth;
                 row[0][1] = 0.0f;
                 if (last > 0) {
@@ -174,41 +194,42 @@ void SrFloatFft2d::forward(float* image, float (*spectrum)[2])
             }
         }
 #pragma omp for schedule(static)
-        for (int block = 0; block < p.columnBlocks(); ++block)
+        for (int block = 0; block < p.columnBlocks(); ++block) {
             p.forwardColumns(block, target);
+            if (stageSpectrum)
+                copyColumns(target, spectrum, spectrumWidth, height, p.firstColumn(block),
+                            p.columnsIn(block));
+        }
     }
-    if (target != spectrum)
-        std::memcpy(spectrum, target, bins * sizeof(fftwf_complex));
 }
 
 void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
 {
     if (!image || !spectrum)
         KRO_THROW("null image or spectrum");
-    const std::size_t pixels = static_cast<std::size_t>(width) * height;
-    const std::size_t bins = static_cast<std::size_t>(getSpectrumSize());
     const int spectrumWidth = width / 2 + 1;
     const int last = width / 2;
     const bool oddWidth = width % 2 != 0;
-
-    const fftwf_complex* source = spectrum;
-    if (!detail::hasFftwAlignment(spectrum)) {
-        std::memcpy(buffers->spectrumIn.get(), spectrum, bins * sizeof(fftwf_complex));
-        source = buffers->spectrumIn.get();
-    }
-    fftwf_complex* work = buffers->spectrumWork.get();
-    float* target = detail::hasFftwAlignment(image) ? image : buffers->image.get();
+    const bool stageImage = !detail::hasFftwAlignment(image);
+    // The transform runs in place in the work spectrum, which also keeps the
+    // caller's spectrum unchanged.
+    fftwf_complex* work = buffers->spectrum.get();
+    float* target = stageImage ? buffers->image.get() : image;
     const detail::FftwPlans2d& p = *plans;
+    const int threads = transformThreads(width, height);
 
-#pragma omp parallel if (static_cast<long>(width) * height >= kMinParallelPixels)
+#pragma omp parallel num_threads(threads) if (threads > 1)
     {
 #pragma omp for schedule(static)
-        for (int block = 0; block < p.columnBlocks(); ++block)
-            p.backwardColumns(block, source, work);
+        for (int block = 0; block < p.columnBlocks(); ++block) {
+            copyColumns(spectrum, work, spectrumWidth, height, p.firstColumn(block), p.columnsIn(block));
+            p.backwardColumns(block, work);
+        }
 #pragma omp for schedule(static)
         for (int block = 0; block < p.rowBlocks(); ++block) {
-            const int end = p.firstRow(block) + p.rowsIn(block);
-            for (int y = p.firstRow(block); y < end; ++y) {
+            const int first = p.firstRow(block);
+            const int end = first + p.rowsIn(block);
+            for (int y = first; y < end; ++y) {
                 fftwf_complex* row = work + static_cast<std::size_t>(y) * spectrumWidth;
                 row[0][1] = 0.0f;
                 if (last > 0) {
@@ -224,10 +245,10 @@ void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
                 }
             }
             p.backwardRows(block, work, target);
+            if (stageImage)
+                copyRows(target, image, width, first, end);
         }
     }
-    if (target != image)
-        std::memcpy(image, target, pixels * sizeof(float));
 }
 
 void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel)
@@ -240,19 +261,20 @@ void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float
         KRO_THROW("null spectrum or kernel");
 
     const float scale = std::sqrt(2.0f) * sigma;
-    for (int k = 0; k <= radius; ++k) {
+    // 64-bit counters: radius may be INT_MAX.
+    for (long long k = 0; k <= radius; ++k) {
         const float fk = static_cast<float>(k);
         kernel[k] = 0.5f * (approximateErf((fk + 0.5f) / scale) - approximateErf((fk - 0.5f) / scale));
     }
     float tail = 0.0f;
-    for (int k = 1; k <= radius; ++k)
+    for (long long k = 1; k <= radius; ++k)
         tail += kernel[k];
     const float total = kernel[0] + 2.0f * tail;
     if (!(total > 0.0f) || !std::isfinite(total))
         KRO_THROW("invalid Gaussian sigma " << sigma << ": the kernel weights vanish");
     // Division rather than multiplication by 1/total keeps radius 0 at
     // exactly 1.
-    for (int k = 0; k <= radius; ++k)
+    for (long long k = 0; k <= radius; ++k)
         kernel[k] /= total;
 
     const int spectrumWidth = width / 2 + 1;
@@ -291,8 +313,9 @@ void SrFloatFft2d::repairGaussBlur(const float* image, float* blurred, int radiu
         KRO_THROW("invalid Gaussian kernel: centre weight " << kernel[0]);
 
     // Taps beyond the image are never used, so a radius above the image size
-    // behaves as the image size (and 2 * r cannot overflow).
+    // behaves as the image size.
     const int r = std::min(radius, std::max(width, height));
+    const long long twoR = 2LL * r;
     const int w = width;
     const int h = height;
     const float* g = kernel;
@@ -320,9 +343,12 @@ void SrFloatFft2d::repairGaussBlur(const float* image, float* blurred, int radiu
     // Columns of the left and right bands: [0, leftEnd) and [rightBegin, w).
     const int leftEnd = std::min(r, w);
     const int rightBegin = std::max(w - r, leftEnd);
-    const bool parallel = static_cast<long>(w) * h >= kMinParallelPixels;
+    // Work: the band's pixels, each a horizontal and a vertical dot product.
+    const std::size_t band = static_cast<std::size_t>(twoR) * (static_cast<std::size_t>(w) + h);
+    const int threads = detail::threadsForWork(band * static_cast<std::size_t>(twoR + 1) * 2,
+                                               detail::ompMaxThreads());
 
-#pragma omp parallel if (parallel)
+#pragma omp parallel num_threads(threads) if (threads > 1)
     {
         // Horizontal pass: whole rows within 2r of the top or bottom (the
         // vertical taps of the top and bottom bands), the band columns of
@@ -331,7 +357,7 @@ void SrFloatFft2d::repairGaussBlur(const float* image, float* blurred, int radiu
         for (int y = 0; y < h; ++y) {
             const float* in = image + static_cast<std::size_t>(y) * w;
             float* out = smooth + static_cast<std::size_t>(y) * w;
-            if (y < 2 * r || y >= h - 2 * r) {
+            if (y < twoR || y >= h - twoR) {
                 for (int x = 0; x < w; ++x)
                     out[x] = blur1d(in, x, w, 1);
             } else {

@@ -46,14 +46,21 @@ struct SrFloatFft2dBuffers;
 //    widths (and for width 1).
 //
 // Threads: the rows and columns of one transform are shared among the
-// OpenMP threads in fixed blocks; results are identical for any number of
-// threads. One object runs one call at a time; separate objects (copies
-// included) may be used from different threads at once.
+// OpenMP threads in fixed blocks (large sizes only; small ones run on the
+// calling thread). One object runs one call at a time; separate objects
+// (copies included) may be used from different threads at once.
 //
-// Memory: plans and work buffers are made in the constructor; no call
-// allocates. Copies share the (immutable) plans and get their own buffers.
-// Any pointer alignment is accepted; arrays aligned to 64 bytes (cv::Mat
-// data, for instance) avoid an internal copy.
+// Determinism: within a process the results are the same bytes for any
+// number of threads and any alignment of the caller's arrays. The FFT
+// algorithms are chosen by timing when a size is first planned in the
+// process, so another process may differ in the last bits.
+//
+// Memory and set-up: the constructor makes the plans (FFTW times them the
+// first time a size is seen in the process, up to about a second for sensor
+// sizes; later objects of that size are set up at once) and the work
+// buffers; no call allocates. Copies share the immutable plans and get their
+// own buffers. Any pointer alignment is accepted; arrays aligned to 16 bytes
+// (cv::Mat data, malloc'd memory) avoid an internal copy.
 class KROLIB_EXPORT SrFloatFft2d {
 public:
     // Throws velmor::kro::Exception if width or height is below 1 or the
@@ -84,7 +91,7 @@ public:
     //    so that g(0) + 2 (g(1) + ... + g(radius)) = 1, where before
     //    normalisation g(k) = (E((k + 1/2) / (sqrt(2) sigma)) -
     //    E((k - 1/2) / (sqrt(2) sigma))) / 2 and E is a closed-form
-    //    approximation of the error function (absolute error below 2e-4);
+    //    approximation of the error function (absolute error below 4e-4);
     //  - `spectrum` (getSpectrumSize() complex values) receives the transfer
     //    function of the circular blur by g(|dx|) g(|dy|), in the spectrum
     //    layout above, divided by width * height:

@@ -11,11 +11,17 @@ namespace detail {
 
 namespace {
 
-// FFTW_ESTIMATE picks plans by a fixed heuristic, so the same size gets the
-// same plan in every process and results are reproducible bit for bit from
-// run to run; timing-based planning (FFTW_MEASURE) gains little on these
-// sizes and would make the last bits depend on machine load at start-up.
-constexpr unsigned kPlannerFlags = FFTW_ESTIMATE;
+// FFTW_MEASURE times candidate algorithms the first time a size is planned
+// in the process (up to about a second for sensor sizes; later objects of the
+// same size get the same plans from FFTW's wisdom at once). FFTW_ESTIMATE's
+// guesses for these strided block transforms made the transform pair up to
+// 1.5x slower than a plain 2-D plan. Within a process the plans, and so the
+// results, are fixed; another process or machine may time its way to other
+// algorithms that differ in the last bits.
+constexpr unsigned kPlannerFlags = FFTW_MEASURE;
+// The short last blocks carry a small share of the work; guessing their
+// plans halves the planning time of sizes that are not multiples of a block.
+constexpr unsigned kLastBlockFlags = FFTW_ESTIMATE;
 
 template <typename T>
 FftwBuffer<T> allocate(std::size_t count)
@@ -59,7 +65,6 @@ FftwPlans2d::FftwPlans2d(int width_, int height_)
     // and output coincide; the execute calls later pass arrays of the same kind.
     FftwBuffer<float> image = allocateFloats(pixels);
     FftwBuffer<fftwf_complex> spectrum = allocateComplex(bins);
-    FftwBuffer<fftwf_complex> other = allocateComplex(bins);
 
     const int lastRows = height % kRowBlock;
     const int lastColumns = spectrumWidth % kColumnBlock;
@@ -67,44 +72,39 @@ FftwPlans2d::FftwPlans2d(int width_, int height_)
     const int fullColumns = std::min(spectrumWidth, kColumnBlock);
 
     std::lock_guard<std::mutex> lock(fftwPlannerMutex());
-    auto rowsR2c = [&](int rows) {
+    auto rowsR2c = [&](int rows, unsigned flags) {
         int n = width;
         return fftwf_plan_many_dft_r2c(1, &n, rows, image.get(), nullptr, 1, width,
                                        spectrum.get(), nullptr, 1, spectrumWidth,
-                                       kPlannerFlags | FFTW_PRESERVE_INPUT);
+                                       flags | FFTW_PRESERVE_INPUT);
     };
-    auto rowsC2r = [&](int rows) {
+    auto rowsC2r = [&](int rows, unsigned flags) {
         int n = width;
         return fftwf_plan_many_dft_c2r(1, &n, rows, spectrum.get(), nullptr, 1, spectrumWidth,
                                        image.get(), nullptr, 1, width,
-                                       kPlannerFlags | FFTW_DESTROY_INPUT);
+                                       flags | FFTW_DESTROY_INPUT);
     };
-    auto columnsForward = [&](int columns) {
+    // The column transforms run in place: out of place, FFTW's strided
+    // column plans are markedly slower on some sizes (320x240 by a third).
+    auto columns = [&](int count, int sign, unsigned flags) {
         int n = height;
-        return fftwf_plan_many_dft(1, &n, columns, spectrum.get(), nullptr, spectrumWidth, 1,
-                                   spectrum.get(), nullptr, spectrumWidth, 1, FFTW_FORWARD,
-                                   kPlannerFlags);
-    };
-    auto columnsBackward = [&](int columns) {
-        int n = height;
-        return fftwf_plan_many_dft(1, &n, columns, other.get(), nullptr, spectrumWidth, 1,
-                                   spectrum.get(), nullptr, spectrumWidth, 1, FFTW_BACKWARD,
-                                   kPlannerFlags | FFTW_PRESERVE_INPUT);
+        return fftwf_plan_many_dft(1, &n, count, spectrum.get(), nullptr, spectrumWidth, 1,
+                                   spectrum.get(), nullptr, spectrumWidth, 1, sign, flags);
     };
 
-    rowForward.full = rowsR2c(fullRows);
-    rowBackward.full = rowsC2r(fullRows);
-    columnForward.full = columnsForward(fullColumns);
-    columnBackward.full = columnsBackward(fullColumns);
+    rowForward.full = rowsR2c(fullRows, kPlannerFlags);
+    rowBackward.full = rowsC2r(fullRows, kPlannerFlags);
+    columnForward.full = columns(fullColumns, FFTW_FORWARD, kPlannerFlags);
+    columnBackward.full = columns(fullColumns, FFTW_BACKWARD, kPlannerFlags);
     bool ok = rowForward.full && rowBackward.full && columnForward.full && columnBackward.full;
     if (ok && lastRows != 0 && height > kRowBlock) {
-        rowForward.last = rowsR2c(lastRows);
-        rowBackward.last = rowsC2r(lastRows);
+        rowForward.last = rowsR2c(lastRows, kLastBlockFlags);
+        rowBackward.last = rowsC2r(lastRows, kLastBlockFlags);
         ok = rowForward.last && rowBackward.last;
     }
     if (ok && lastColumns != 0 && spectrumWidth > kColumnBlock) {
-        columnForward.last = columnsForward(lastColumns);
-        columnBackward.last = columnsBackward(lastColumns);
+        columnForward.last = columns(lastColumns, FFTW_FORWARD, kLastBlockFlags);
+        columnBackward.last = columns(lastColumns, FFTW_BACKWARD, kLastBlockFlags);
         ok = columnForward.last && columnBackward.last;
     }
     if (!ok) {
@@ -136,6 +136,11 @@ int FftwPlans2d::rowsIn(int block) const
     return std::min(kRowBlock, height - block * kRowBlock);
 }
 
+int FftwPlans2d::columnsIn(int block) const
+{
+    return std::min(kColumnBlock, spectrumWidth - block * kColumnBlock);
+}
+
 void FftwPlans2d::forwardRows(int block, const float* image, fftwf_complex* spectrum) const
 {
     const int row = firstRow(block);
@@ -148,19 +153,16 @@ void FftwPlans2d::forwardRows(int block, const float* image, fftwf_complex* spec
 
 void FftwPlans2d::forwardColumns(int block, fftwf_complex* spectrum) const
 {
-    const int column = block * kColumnBlock;
-    const bool full = spectrumWidth - column >= kColumnBlock || !columnForward.last;
-    fftwf_complex* data = spectrum + column;
+    const bool full = columnsIn(block) == kColumnBlock || !columnForward.last;
+    fftwf_complex* data = spectrum + firstColumn(block);
     fftwf_execute_dft(full ? columnForward.full : columnForward.last, data, data);
 }
 
-void FftwPlans2d::backwardColumns(int block, const fftwf_complex* from, fftwf_complex* to) const
+void FftwPlans2d::backwardColumns(int block, fftwf_complex* spectrum) const
 {
-    const int column = block * kColumnBlock;
-    const bool full = spectrumWidth - column >= kColumnBlock || !columnBackward.last;
-    // Made with FFTW_PRESERVE_INPUT: `from` is not written.
-    fftwf_execute_dft(full ? columnBackward.full : columnBackward.last,
-                      const_cast<fftwf_complex*>(from) + column, to + column);
+    const bool full = columnsIn(block) == kColumnBlock || !columnBackward.last;
+    fftwf_complex* data = spectrum + firstColumn(block);
+    fftwf_execute_dft(full ? columnBackward.full : columnBackward.last, data, data);
 }
 
 void FftwPlans2d::backwardRows(int block, fftwf_complex* spectrum, float* image) const

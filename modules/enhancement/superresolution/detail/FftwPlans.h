@@ -49,8 +49,8 @@ bool hasFftwAlignment(const void* p);
 
 class FftwPlans2d {
 public:
-    static constexpr int kRowBlock = 16;    // rows: 16 * width floats = 64 * width bytes
-    static constexpr int kColumnBlock = 8;  // spectrum columns: 8 complex = 64 bytes
+    static constexpr int kRowBlock = 16;     // rows: 16 * width floats = 64 * width bytes
+    static constexpr int kColumnBlock = 16;  // spectrum columns: 16 complex = 128 bytes
 
     // Plans for a width x height image (both >= 1, checked by the caller).
     // Throws velmor::kro::Exception if FFTW cannot make a plan.
@@ -61,9 +61,12 @@ public:
 
     int rowBlocks() const { return rowBlockCount; }
     int columnBlocks() const { return columnBlockCount; }
-    // Rows [firstRow(b), firstRow(b) + rowsIn(b)) make row block b.
+    // Rows [firstRow(b), firstRow(b) + rowsIn(b)) make row block b, spectrum
+    // columns [firstColumn(b), firstColumn(b) + columnsIn(b)) column block b.
     int firstRow(int block) const { return block * kRowBlock; }
     int rowsIn(int block) const;
+    int firstColumn(int block) const { return block * kColumnBlock; }
+    int columnsIn(int block) const;
 
     // All functions take the base pointers of whole arrays (height x width
     // floats, height x (width / 2 + 1) complex values), aligned as by
@@ -74,9 +77,8 @@ public:
     void forwardRows(int block, const float* image, fftwf_complex* spectrum) const;
     // In-place complex transform (sign -1) along each column of the block.
     void forwardColumns(int block, fftwf_complex* spectrum) const;
-    // Complex transform (sign +1) along each column of the block,
-    // from -> to (different arrays); `from` is only read.
-    void backwardColumns(int block, const fftwf_complex* from, fftwf_complex* to) const;
+    // In-place complex transform (sign +1) along each column of the block.
+    void backwardColumns(int block, fftwf_complex* spectrum) const;
     // c2r (sign +1) of each row of the block: spectrum -> image. Destroys the
     // block's rows of `spectrum`.
     void backwardRows(int block, fftwf_complex* spectrum, float* image) const;
