@@ -1,0 +1,153 @@
+// kroenhance cluster: learns a cluster damping map over a recording, then
+// applies it to every frame.
+#include <cmath>
+#include <deque>
+#include <iostream>
+
+#include "Cli.h"
+#include "ClusterPatternRemover.h"
+#include "Command.h"
+#include "FrameIO.h"
+
+namespace kroenhance {
+namespace {
+
+using velmor::kro::ClusterPatternRemover;
+
+// Per-pixel standard deviation over the frames of the window (population
+// form, in double).
+cv::Mat_<float> temporalStdDev(const std::deque<cv::Mat_<float>>& window)
+{
+    const int rows = window.front().rows;
+    const int cols = window.front().cols;
+    const double n = static_cast<double>(window.size());
+    cv::Mat_<float> result(rows, cols);
+    for (int r = 0; r < rows; ++r) {
+        for (int c = 0; c < cols; ++c) {
+            double sum = 0.0;
+            for (const auto& frame : window)
+                sum += frame(r, c);
+            const double mean = sum / n;
+            double squares = 0.0;
+            for (const auto& frame : window)
+                squares += (frame(r, c) - mean) * (frame(r, c) - mean);
+            result(r, c) = static_cast<float>(std::sqrt(squares / n));
+        }
+    }
+    return result;
+}
+
+int runCluster(const std::vector<std::string>& args)
+{
+    Cli cli(args);
+    if (cli.helpRequested()) {
+        std::cout << "Usage: kroenhance cluster [options] INPUT... -o OUTPUT\n"
+                     "\n"
+                     "Cluster pattern removal in two passes. First it learns a per-pixel damping\n"
+                     "map over the recording: at every frame, once WINDOW frames have been seen,\n"
+                     "each pixel whose standard deviation over the last WINDOW frames is below\n"
+                     "STD-LIMIT and that differs from none of its neighbours by more than\n"
+                     "MEAN-LIMIT blends the ratio of its 3x3-smoothed value to its own value into\n"
+                     "the map (weight ALPHA). Then it multiplies every frame by the map. Samples\n"
+                     "are processed by value in float and written back in the input's type\n"
+                     "(rounded and saturated). A recording shorter than the window is learnt\n"
+                     "once, from its last frame and all its frames.\n"
+                     "\n"
+                     "Options:\n"
+                     "  --std-limit X   >= 0 (default 10): largest temporal standard deviation of\n"
+                     "                  a pixel that is learnt, in sample units\n"
+                     "  --mean-limit X  >= 0 (default 100): largest difference to a neighbour\n"
+                     "  --alpha X       0..1 (default 0.1): weight of each new ratio in the map\n"
+                     "  --window N      2..1000 (default 8): frames of the standard deviation\n"
+                     "  --mode M        median or gaussian (default median): the 3x3 smoothing\n"
+                     "  --save-map F    also write the learnt map (float) to F (.pfm or .tif)\n"
+                  << kFrameIoHelp;
+        return kExitOk;
+    }
+    const double stdLimit = cli.doubleOption("--std-limit", 10.0, 0.0, 1e30);
+    const double meanLimit = cli.doubleOption("--mean-limit", 100.0, 0.0, 1e30);
+    const double alpha = cli.doubleOption("--alpha", 0.1, 0.0, 1.0);
+    const int window = static_cast<int>(cli.intOption("--window", 8, 2, 1000));
+    const std::string modeName = cli.stringOption("--mode", "median");
+    ClusterPatternRemover::FILTERMODE mode = ClusterPatternRemover::MEDIAN;
+    if (modeName == "gaussian")
+        mode = ClusterPatternRemover::GAUSSIAN;
+    else if (modeName != "median")
+        throw UsageError("option --mode: \"" + modeName + "\" is not median or gaussian");
+    const std::string mapPath = cli.stringOption("--save-map", "");
+    if (!mapPath.empty()) {
+        const std::string lower = cv::toLowerCase(mapPath);
+        const auto endsWith = [&](const std::string& ext) {
+            return lower.size() > ext.size() && lower.compare(lower.size() - ext.size(), ext.size(), ext) == 0;
+        };
+        if (!endsWith(".pfm") && !endsWith(".tif") && !endsWith(".tiff"))
+            throw UsageError("option --save-map: \"" + mapPath + "\" must end in .pfm, .tif or .tiff");
+    }
+    const OutputSpec output = outputFromCommandLine(cli);
+    const InputSpec input = inputFromCommandLine(cli);
+
+    FrameReader reader(input);
+    if (CV_MAT_CN(reader.frameType()) != 1)
+        throw RunError("the input holds " + describeFrame(reader.frameSize(), reader.frameType()) +
+                       " frames; cluster needs single-channel frames");
+    const int depth = CV_MAT_DEPTH(reader.frameType());
+
+    // The third constructor argument sets both the std-dev limit and the
+    // blend factor: set the blend factor apart.
+    ClusterPatternRemover remover(3, 3, static_cast<float>(stdLimit), static_cast<float>(alpha),
+                                  static_cast<float>(meanLimit));
+    remover.setAlphaDamping(static_cast<float>(alpha));
+
+    std::deque<cv::Mat_<float>> recent;
+    cv::Mat frame;
+    cv::Mat_<float> asFloat;
+    long long updates = 0, done = 0;
+    {
+        Progress progress("cluster (learning)", reader.frameCount());
+        while (reader.read(frame)) {
+            frame.convertTo(asFloat, CV_32F);
+            recent.push_back(asFloat.clone());
+            if (static_cast<int>(recent.size()) > window)
+                recent.pop_front();
+            if (static_cast<int>(recent.size()) == window) {
+                remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
+                ++updates;
+            }
+            progress.update(++done);
+        }
+        if (updates == 0)
+            remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
+    }
+    recent.clear();
+
+    FrameWriter writer(output.path, outputRawFormat(output, input, depth));
+    std::unique_ptr<FrameWriter> mapWriter;
+    if (!mapPath.empty()) {
+        cv::Mat map;
+        remover.getDamping(map, false);
+        mapWriter.reset(new FrameWriter(mapPath, SampleFormat::F32));
+        mapWriter->write(map);
+    }
+    reader.rewind();
+    Progress progress("cluster (applying)", reader.frameCount());
+    cv::Mat_<float> damped;
+    cv::Mat result;
+    done = 0;
+    while (reader.read(frame)) {
+        frame.convertTo(asFloat, CV_32F);
+        remover.applyDamping(asFloat, damped);
+        damped.convertTo(result, depth);
+        writer.write(result);
+        progress.update(++done);
+    }
+    writer.commit();
+    if (mapWriter)
+        mapWriter->commit();
+    return kExitOk;
+}
+
+} // namespace
+} // namespace kroenhance
+
+KROENHANCE_COMMAND(cluster, "cluster", "cluster pattern removal (learn a damping map, then apply it)",
+                   kroenhance::runCluster);
