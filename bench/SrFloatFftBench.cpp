@@ -48,7 +48,10 @@ public:
         fftwf_destroy_plan(forward);
         fftwf_destroy_plan(backward);
     }
-    void fill(const float* source, std::size_t count) { std::memcpy(image.get(), source, count * sizeof(float)); }
+    void fill(const float* source, std::size_t count)
+    {
+        std::memcpy(image.get(), source, count * sizeof(float));
+    }
     void run()
     {
         fftwf_execute(forward);
@@ -62,7 +65,10 @@ private:
     fftwf_plan backward = nullptr;
 };
 
-double secondsOf(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double secondsOf(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 // Arguments: width, height, threads, offset of the caller's arrays in floats
 // from 64-byte alignment (0: aligned, no internal copy).

@@ -44,7 +44,8 @@ int transformThreads(int width, int height)
 void copyRows(const float* from, float* to, int width, int firstRow, int endRow)
 {
     const std::size_t begin = static_cast<std::size_t>(firstRow) * width;
-    std::memcpy(to + begin, from + begin, static_cast<std::size_t>(endRow - firstRow) * width * sizeof(float));
+    const std::size_t count = static_cast<std::size_t>(endRow - firstRow) * width;
+    std::memcpy(to + begin, from + begin, count * sizeof(float));
 }
 
 // Columns [firstColumn, firstColumn + count) of every row of a spectrum.
@@ -222,7 +223,8 @@ void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
     {
 #pragma omp for schedule(static)
         for (int block = 0; block < p.columnBlocks(); ++block) {
-            copyColumns(spectrum, work, spectrumWidth, height, p.firstColumn(block), p.columnsIn(block));
+            copyColumns(spectrum, work, spectrumWidth, height, p.firstColumn(block),
+                        p.columnsIn(block));
             p.backwardColumns(block, work);
         }
 #pragma omp for schedule(static)
@@ -264,7 +266,8 @@ void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float
     // 64-bit counters: radius may be INT_MAX.
     for (long long k = 0; k <= radius; ++k) {
         const float fk = static_cast<float>(k);
-        kernel[k] = 0.5f * (approximateErf((fk + 0.5f) / scale) - approximateErf((fk - 0.5f) / scale));
+        kernel[k] = 0.5f * (approximateErf((fk + 0.5f) / scale) -
+                            approximateErf((fk - 0.5f) / scale));
     }
     float tail = 0.0f;
     for (long long k = 1; k <= radius; ++k)
@@ -281,15 +284,17 @@ void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float
     const int last = width / 2;
     // The row kernel carries the 1 / (width * height) of the inverse
     // transform, so backward(forward(x) * spectrum) needs no further scaling.
+    const double inverseScale = 1.0 / (static_cast<double>(width) * height);
     std::vector<std::complex<double>> rows =
-        kernelDft(width, radius, kernel, 1.0 / (static_cast<double>(width) * height), spectrumWidth);
-    const std::vector<std::complex<double>> columns = kernelDft(height, radius, kernel, 1.0, height);
+        kernelDft(width, radius, kernel, inverseScale, spectrumWidth);
+    const std::vector<std::complex<double>> columns =
+        kernelDft(height, radius, kernel, 1.0, height);
     // Pack the row transform as forward does.
     rows[0] = {rows[0].real(), 0.0};
-    if (last > 0)
-        rows[static_cast<std::size_t>(last)] = {width % 2 != 0 ? rows[static_cast<std::size_t>(last)].imag()
-                                                               : rows[static_cast<std::size_t>(last)].real(),
-                                                0.0};
+    if (last > 0) {
+        std::complex<double>& lastBin = rows[static_cast<std::size_t>(last)];
+        lastBin = {width % 2 != 0 ? lastBin.imag() : lastBin.real(), 0.0};
+    }
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < spectrumWidth; ++x) {
             const std::complex<double> value =

@@ -39,6 +39,11 @@ std::string sizeName(const Size2& s)
     return std::to_string(s.width) + "x" + std::to_string(s.height);
 }
 
+std::string caseName(int width, int height, int radius)
+{
+    return sizeName({width, height}) + " radius " + std::to_string(radius);
+}
+
 // exp(sign * 2 pi i * m / n) with m reduced modulo n first.
 Complex twiddle(long long m, int n, int sign)
 {
@@ -70,7 +75,7 @@ std::vector<Complex> referenceForward(const cv::Mat_<float>& image)
         for (int k = 0; k < nc; ++k) {
             Complex sum = 0.0;
             for (int j = 0; j < w; ++j)
-                sum += static_cast<double>(image(y, j)) * twiddle(static_cast<long long>(j) * k, w, -1);
+                sum += double(image(y, j)) * twiddle(static_cast<long long>(j) * k, w, -1);
             if (k == 0)
                 sum = {sum.real(), 0.0};
             else if (k == last)
@@ -83,7 +88,8 @@ std::vector<Complex> referenceForward(const cv::Mat_<float>& image)
         for (int y = 0; y < h; ++y) {
             Complex sum = 0.0;
             for (int v = 0; v < h; ++v)
-                sum += rows[static_cast<std::size_t>(v) * nc + k] * twiddle(static_cast<long long>(v) * y, h, -1);
+                sum += rows[std::size_t(v) * nc + k] *
+                       twiddle(static_cast<long long>(v) * y, h, -1);
             out[static_cast<std::size_t>(y) * nc + k] = sum;
         }
     return out;
@@ -129,7 +135,10 @@ double l2Norm(const cv::Mat& m) { return cv::norm(m, cv::NORM_L2); }
 
 // Float transforms carry an error of a few ulp times log2(n) of the signal's
 // energy; a wrong sign, packing or scale errs by the order of the signal.
-double fftTolerance(double norm, int w, int h) { return 2e-7 * (4.0 + std::log2(double(w) * h)) * norm; }
+double fftTolerance(double norm, int w, int h)
+{
+    return 2e-7 * (4.0 + std::log2(double(w) * h)) * norm;
+}
 
 TEST(SrFloatFft2d, ForwardMatchesDirectDftWithRowPackingAndSign)
 {
@@ -180,7 +189,8 @@ TEST(SrFloatFft2d, BackwardMatchesDirectInverseOfAnySpectrum)
     for (const Size2& s : kSizes) {
         SCOPED_TRACE(sizeName(s));
         SrFloatFft2d fft(s.width, s.height);
-        cv::Mat spectrum = krotest::randomImage(s.height, s.width / 2 + 1, CV_32FC2, -1.0, 1.0, seed++);
+        cv::Mat spectrum =
+            krotest::randomImage(s.height, s.width / 2 + 1, CV_32FC2, -1.0, 1.0, seed++);
         const cv::Mat original = spectrum.clone();
         cv::Mat_<float> image(s.height, s.width);
         fft.backward(bins(spectrum), image.ptr<float>());
@@ -210,7 +220,8 @@ TEST(SrFloatFft2d, BackwardOfForwardScalesByPixelCount)
         fft.backward(bins(spectrum), back.ptr<float>());
         const double n = double(s.width) * s.height;
         cv::Mat_<float> expected = image * n;
-        EXPECT_LE(cv::norm(back, expected, cv::NORM_INF), 2e-6 * std::log2(n + 2.0) * cv::norm(expected, cv::NORM_INF));
+        EXPECT_LE(cv::norm(back, expected, cv::NORM_INF),
+                  2e-6 * std::log2(n + 2.0) * cv::norm(expected, cv::NORM_INF));
     }
 }
 
@@ -231,7 +242,8 @@ TEST(SrFloatFft2d, OddWidthDropsOnlyTheRealPartOfTheLastRowFrequency)
             re += image(y, j) * std::cos(kTwoPi * 3 * j / w);
         for (int j = 0; j < w; ++j) {
             const double cosinePart = 2.0 * re * std::cos(kTwoPi * 3 * j / w) / w;
-            EXPECT_NEAR(w * h * (image(y, j) - cosinePart), back(y, j), 1e-4) << "y=" << y << " j=" << j;
+            EXPECT_NEAR(w * h * (image(y, j) - cosinePart), back(y, j), 1e-4)
+                << "y=" << y << " j=" << j;
         }
     }
 }
@@ -260,7 +272,8 @@ TEST(SrFloatFft2d, ResultsDoNotDependOnThreadsOrAlignment)
         };
         auto run = [&](int threads, std::size_t offset) {
             omp_set_num_threads(threads);
-            cv::Mat_<float> in(1, int(pixels + 16)), spec(1, int(floats + 16)), out(1, int(pixels + 16));
+            cv::Mat_<float> in(1, int(pixels + 16)), out(1, int(pixels + 16));
+            cv::Mat_<float> spec(1, int(floats + 16));
             float* image0 = in.ptr<float>() + offset;
             float* spectrum0 = spec.ptr<float>() + 2 * offset;
             float* out0 = out.ptr<float>() + offset;
@@ -277,7 +290,8 @@ TEST(SrFloatFft2d, ResultsDoNotDependOnThreadsOrAlignment)
         const Result first = run(1, 0);
         for (int threads : {1, 2, 3}) {
             for (std::size_t offset : {0, 1, 3}) {
-                SCOPED_TRACE(std::to_string(threads) + " threads, offset " + std::to_string(offset));
+                SCOPED_TRACE(std::to_string(threads) + " threads, offset " +
+                             std::to_string(offset));
                 const Result r = run(threads, offset);
                 EXPECT_TRUE(first.spectrum == r.spectrum);
                 EXPECT_TRUE(first.image == r.image);
@@ -350,7 +364,8 @@ TEST(SrFloatFft2d, GaussKernelIsTheNormalisedPixelIntegratedGaussian)
 {
     SrFloatFft2d fft(16, 12);
     cv::Mat spectrum = newSpectrum(fft);
-    const std::vector<std::pair<int, float>> cases = {{5, std::sqrt(3.0f)}, {3, 0.6f}, {8, 2.5f}, {2, 40.0f}};
+    const std::vector<std::pair<int, float>> cases = {
+        {5, std::sqrt(3.0f)}, {3, 0.6f}, {8, 2.5f}, {2, 40.0f}};
     for (const auto& [radius, sigma] : cases) {
         SCOPED_TRACE("radius " + std::to_string(radius) + " sigma " + std::to_string(sigma));
         std::vector<float> kernel(static_cast<std::size_t>(radius) + 1, -1.0f);
@@ -384,20 +399,22 @@ TEST(SrFloatFft2d, GaussSpectrumIsTheDftOfTheWrappedSeparableKernel)
         int width, height, radius;
         float sigma;
     };
-    for (const Case& c : {Case{8, 6, 2, 0.8f}, Case{9, 9, 3, 1.2f}, Case{32, 24, 5, std::sqrt(3.0f)},
-                          Case{12, 10, 7, 2.0f}, Case{1, 5, 1, 0.7f}, Case{6, 1, 4, 1.5f}}) {
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " radius " + std::to_string(c.radius));
+    for (const Case& c : {Case{8, 6, 2, 0.8f}, Case{9, 9, 3, 1.2f},
+                          Case{32, 24, 5, std::sqrt(3.0f)}, Case{12, 10, 7, 2.0f},
+                          Case{1, 5, 1, 0.7f}, Case{6, 1, 4, 1.5f}}) {
+        SCOPED_TRACE(caseName(c.width, c.height, c.radius));
         SrFloatFft2d fft(c.width, c.height);
         cv::Mat spectrum = newSpectrum(fft);
         std::vector<float> kernel(static_cast<std::size_t>(c.radius) + 1);
         fft.gaussFft(c.radius, c.sigma, bins(spectrum), kernel.data());
 
+        const double n = double(c.width) * c.height;
         cv::Mat_<double> taps(c.height, c.width, 0.0);
         for (int dy = -c.radius; dy <= c.radius; ++dy)
             for (int dx = -c.radius; dx <= c.radius; ++dx) {
                 const int y = ((dy % c.height) + c.height) % c.height;
                 const int x = ((dx % c.width) + c.width) % c.width;
-                taps(y, x) += double(kernel[std::abs(dy)]) * kernel[std::abs(dx)] / (double(c.width) * c.height);
+                taps(y, x) += double(kernel[std::abs(dy)]) * kernel[std::abs(dx)] / n;
             }
         const int last = c.width / 2;
         for (int v = 0; v < c.height; ++v)
@@ -410,8 +427,9 @@ TEST(SrFloatFft2d, GaussSpectrumIsTheDftOfTheWrappedSeparableKernel)
                 if (c.width % 2 != 0 && f == last && last > 0)
                     want = 0.0;
                 const cv::Vec2f got = spectrum.at<cv::Vec2f>(v, f);
-                EXPECT_NEAR(want.real(), got[0], 1e-7 / (c.width * c.height) + 1e-6 * std::abs(want)) << "v=" << v << " f=" << f;
-                EXPECT_NEAR(want.imag(), got[1], 1e-7 / (c.width * c.height)) << "v=" << v << " f=" << f;
+                EXPECT_NEAR(want.real(), got[0], 1e-7 / n + 1e-6 * std::abs(want))
+                    << "v=" << v << " f=" << f;
+                EXPECT_NEAR(want.imag(), got[1], 1e-7 / n) << "v=" << v << " f=" << f;
             }
     }
 }
@@ -456,9 +474,10 @@ TEST(SrFloatFft2d, SpectralBlurIsCircularAndRepairMakesItTheRenormalisedBlur)
         int width, height, radius;
         float sigma;
     };
-    for (const Case& c : {Case{40, 30, 5, std::sqrt(3.0f)}, Case{64, 48, 3, 1.0f}, Case{20, 11, 5, 2.0f},
-                          Case{10, 9, 5, 1.7f}, Case{6, 4, 8, 2.0f}, Case{160, 120, 5, std::sqrt(3.0f)}}) {
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " radius " + std::to_string(c.radius));
+    for (const Case& c : {Case{40, 30, 5, std::sqrt(3.0f)}, Case{64, 48, 3, 1.0f},
+                          Case{20, 11, 5, 2.0f}, Case{10, 9, 5, 1.7f}, Case{6, 4, 8, 2.0f},
+                          Case{160, 120, 5, std::sqrt(3.0f)}}) {
+        SCOPED_TRACE(caseName(c.width, c.height, c.radius));
         SrFloatFft2d fft(c.width, c.height);
         cv::Mat_<float> image = krotest::texturedScene(c.height, c.width, 21);
         cv::Mat spectrum = newSpectrum(fft), gauss = newSpectrum(fft);
@@ -481,7 +500,8 @@ TEST(SrFloatFft2d, SpectralBlurIsCircularAndRepairMakesItTheRenormalisedBlur)
                                                 ((x + dx) % c.width + c.width) % c.width);
         cv::Mat_<double> got;
         blurred.convertTo(got, CV_64F);
-        const double tolerance = 1e-6 * (4.0 + std::log2(double(c.width) * c.height)) * cv::norm(image, cv::NORM_INF);
+        const double tolerance = 1e-6 * (4.0 + std::log2(double(c.width) * c.height)) *
+                                 cv::norm(image, cv::NORM_INF);
         EXPECT_LE(cv::norm(got, circular, cv::NORM_INF), tolerance);
 
         // After it: the renormalised blur everywhere (the interior already
@@ -497,8 +517,9 @@ TEST(SrFloatFft2d, RepairWritesExactlyTheBorderBand)
     struct Case {
         int width, height, radius;
     };
-    for (const Case& c : {Case{33, 27, 3}, Case{12, 9, 4}, Case{1, 20, 2}, Case{25, 1, 3}, Case{7, 6, 9}}) {
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " radius " + std::to_string(c.radius));
+    for (const Case& c :
+         {Case{33, 27, 3}, Case{12, 9, 4}, Case{1, 20, 2}, Case{25, 1, 3}, Case{7, 6, 9}}) {
+        SCOPED_TRACE(caseName(c.width, c.height, c.radius));
         SrFloatFft2d fft(c.width, c.height);
         cv::Mat spectrum = newSpectrum(fft);
         std::vector<float> kernel(static_cast<std::size_t>(c.radius) + 1);
@@ -535,7 +556,8 @@ std::string messageOf(F&& call)
     try {
         call();
     } catch (const Exception& e) {
-        EXPECT_NE(std::string::npos, e.where().find("modules/enhancement/superresolution/SrFloatFft2d:"))
+        EXPECT_NE(std::string::npos,
+                  e.where().find("modules/enhancement/superresolution/SrFloatFft2d:"))
             << e.where();
         return e.what();
     }
@@ -551,24 +573,32 @@ TEST(SrFloatFft2d, RejectsBadSizesAndArguments)
     try {
         SrFloatFft2d(0, 5);
     } catch (const Exception& e) {
-        EXPECT_NE(std::string::npos, e.where().find("velmor::kro::SrFloatFft2d::SrFloatFft2d(..)")) << e.where();
+        EXPECT_NE(std::string::npos, e.where().find("velmor::kro::SrFloatFft2d::SrFloatFft2d(..)"))
+            << e.where();
     }
 
     SrFloatFft2d fft(8, 6);
     cv::Mat spectrum = newSpectrum(fft);
     cv::Mat_<float> image(6, 8, 0.0f);
     std::vector<float> kernel(4);
+    float* pixels = image.ptr<float>();
+    float* weights = kernel.data();
     EXPECT_EQ("null image or spectrum", messageOf([&] { fft.forward(nullptr, bins(spectrum)); }));
-    EXPECT_EQ("null image or spectrum", messageOf([&] { fft.backward(nullptr, image.ptr<float>()); }));
-    EXPECT_EQ("invalid Gaussian radius -1", messageOf([&] { fft.gaussFft(-1, 1.0f, bins(spectrum), kernel.data()); }));
-    EXPECT_EQ("invalid Gaussian sigma 0", messageOf([&] { fft.gaussFft(3, 0.0f, bins(spectrum), kernel.data()); }));
-    EXPECT_EQ("invalid Gaussian sigma nan", messageOf([&] { fft.gaussFft(3, std::nanf(""), bins(spectrum), kernel.data()); }));
-    EXPECT_EQ("invalid Gaussian sigma inf", messageOf([&] { fft.gaussFft(3, INFINITY, bins(spectrum), kernel.data()); }));
-    EXPECT_EQ("null spectrum or kernel", messageOf([&] { fft.gaussFft(3, 1.0f, bins(spectrum), nullptr); }));
+    EXPECT_EQ("null image or spectrum", messageOf([&] { fft.backward(nullptr, pixels); }));
+    EXPECT_EQ("invalid Gaussian radius -1",
+              messageOf([&] { fft.gaussFft(-1, 1.0f, bins(spectrum), weights); }));
+    EXPECT_EQ("invalid Gaussian sigma 0",
+              messageOf([&] { fft.gaussFft(3, 0.0f, bins(spectrum), weights); }));
+    EXPECT_EQ("invalid Gaussian sigma nan",
+              messageOf([&] { fft.gaussFft(3, std::nanf(""), bins(spectrum), weights); }));
+    EXPECT_EQ("invalid Gaussian sigma inf",
+              messageOf([&] { fft.gaussFft(3, INFINITY, bins(spectrum), weights); }));
+    EXPECT_EQ("null spectrum or kernel",
+              messageOf([&] { fft.gaussFft(3, 1.0f, bins(spectrum), nullptr); }));
     EXPECT_EQ("invalid Gaussian radius -2",
-              messageOf([&] { fft.repairGaussBlur(image.ptr<float>(), image.ptr<float>(), -2, kernel.data()); }));
+              messageOf([&] { fft.repairGaussBlur(pixels, pixels, -2, weights); }));
     EXPECT_EQ("null image, blurred image or kernel",
-              messageOf([&] { fft.repairGaussBlur(nullptr, image.ptr<float>(), 3, kernel.data()); }));
+              messageOf([&] { fft.repairGaussBlur(nullptr, pixels, 3, weights); }));
 }
 
 } // namespace
