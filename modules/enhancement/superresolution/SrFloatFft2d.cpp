@@ -75,6 +75,10 @@ float approximateErf(float x)
 {
     if (x == 0.0f)
         return 0.0f;
+    // Far out (and at the infinities that sigma 0 produces) E is +-1 in
+    // float; x * x would overflow into inf / inf below.
+    if (std::fabs(x) > 1e6f)
+        return x < 0.0f ? -1.0f : 1.0f;
     constexpr float a = 0.1400123f;
     constexpr float fourOverPi = 1.2732395f;
     const float x2 = x * x;
@@ -257,11 +261,13 @@ void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float
 {
     if (radius < 0)
         KRO_THROW("invalid Gaussian radius " << radius);
-    if (!(sigma > 0.0f) || !std::isfinite(sigma))
+    if (!(sigma >= 0.0f) || !std::isfinite(sigma))
         KRO_THROW("invalid Gaussian sigma " << sigma);
     if (!spectrum || !kernel)
         KRO_THROW("null spectrum or kernel");
 
+    // sigma 0 is the limit of no blur: (k +- 0.5) / 0 = +-inf, so the
+    // kernel becomes {1, 0, 0, ...}.
     const float scale = std::sqrt(2.0f) * sigma;
     // 64-bit counters: radius may be INT_MAX.
     for (long long k = 0; k <= radius; ++k) {

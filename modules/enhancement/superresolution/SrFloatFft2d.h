@@ -85,8 +85,8 @@ public:
     // Throws velmor::kro::Exception for a null pointer.
     void backward(float (*spectrum)[2], float* image);
 
-    // Pixel-integrated Gaussian of standard deviation `sigma` (> 0) and
-    // radius `radius` (>= 0):
+    // Pixel-integrated Gaussian of standard deviation `sigma` (>= 0; 0 is
+    // the limit of no blur) and radius `radius` (>= 0):
     //  - `kernel` receives radius + 1 weights g(0) .. g(radius), normalised
     //    so that g(0) + 2 (g(1) + ... + g(radius)) = 1, where before
     //    normalisation g(k) = (E((k + 1/2) / (sqrt(2) sigma)) -
@@ -99,9 +99,11 @@ public:
     //    with the bin-by-bin complex product. A kernel wider than the image
     //    wraps around, its weights adding up, so the blur stays normalised.
     //    For an odd width >= 3 the last column is zero (see forward).
-    // radius 0 gives kernel {1} and a flat spectrum 1 / (width * height).
-    // Throws velmor::kro::Exception for a negative radius, a sigma that is
-    // not a positive finite number or a null pointer.
+    // Radius 0 or sigma 0 gives kernel {1, 0, ...} and a flat spectrum
+    // 1 / (width * height).
+    // Throws velmor::kro::Exception for a negative radius, a negative or
+    // non-finite sigma, a sigma so large that the weights vanish in float,
+    // or a null pointer.
     void gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel);
 
     // The circular blur wraps around at the image borders. This recomputes

@@ -434,15 +434,21 @@ TEST(SrFloatFft2d, GaussSpectrumIsTheDftOfTheWrappedSeparableKernel)
     }
 }
 
-TEST(SrFloatFft2d, GaussOfRadiusZeroIsIdentity)
+TEST(SrFloatFft2d, GaussOfRadiusZeroOrSigmaZeroIsIdentity)
 {
     SrFloatFft2d fft(10, 7);
-    cv::Mat spectrum = newSpectrum(fft);
-    float kernel[1] = {-1.0f};
-    fft.gaussFft(0, 1.5f, bins(spectrum), kernel);
-    EXPECT_EQ(1.0f, kernel[0]);
-    const cv::Mat flat(spectrum.size(), CV_32FC2, cv::Scalar(1.0 / 70.0, 0.0));
-    EXPECT_IMAGES_EQUAL(flat, spectrum, 1e-9);
+    const cv::Mat flat(7, 6, CV_32FC2, cv::Scalar(1.0 / 70.0, 0.0));
+    for (const auto& [radius, sigma] :
+         std::vector<std::pair<int, float>>{{0, 1.5f}, {0, 0.0f}, {3, 0.0f}, {2, 1e-30f}}) {
+        SCOPED_TRACE("radius " + std::to_string(radius) + " sigma " + std::to_string(sigma));
+        cv::Mat spectrum = newSpectrum(fft);
+        std::vector<float> kernel(static_cast<std::size_t>(radius) + 1, -1.0f);
+        fft.gaussFft(radius, sigma, bins(spectrum), kernel.data());
+        std::vector<float> identity(kernel.size(), 0.0f);
+        identity[0] = 1.0f;
+        EXPECT_EQ(identity, kernel);
+        EXPECT_IMAGES_EQUAL(flat, spectrum, 1e-9);
+    }
 }
 
 // Gaussian blur with the kernel g(|dx|) g(|dy|) limited to the pixels inside
@@ -587,8 +593,10 @@ TEST(SrFloatFft2d, RejectsBadSizesAndArguments)
     EXPECT_EQ("null image or spectrum", messageOf([&] { fft.backward(nullptr, pixels); }));
     EXPECT_EQ("invalid Gaussian radius -1",
               messageOf([&] { fft.gaussFft(-1, 1.0f, bins(spectrum), weights); }));
-    EXPECT_EQ("invalid Gaussian sigma 0",
-              messageOf([&] { fft.gaussFft(3, 0.0f, bins(spectrum), weights); }));
+    EXPECT_EQ("invalid Gaussian sigma -0.5",
+              messageOf([&] { fft.gaussFft(3, -0.5f, bins(spectrum), weights); }));
+    EXPECT_EQ("invalid Gaussian sigma 1e+30: the kernel weights vanish",
+              messageOf([&] { fft.gaussFft(3, 1e30f, bins(spectrum), weights); }));
     EXPECT_EQ("invalid Gaussian sigma nan",
               messageOf([&] { fft.gaussFft(3, std::nanf(""), bins(spectrum), weights); }));
     EXPECT_EQ("invalid Gaussian sigma inf",
