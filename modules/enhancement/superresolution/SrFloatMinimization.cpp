@@ -19,6 +19,12 @@ namespace {
 // thread wake-ups on a loaded machine.
 constexpr int kMinParallelFullSize = 150000;
 
+// The PSFs have taps of weight exactly 0 (the two outer taps of the base PSF,
+// one of which the shift fills), a third of all taps for unshifted or
+// whole-pixel-shifted frames. The operator's passes skip them; for finite
+// values this changes no bit (see detail::weightedRowSum).
+constexpr bool kSkipZeroTaps = true;
+
 // 1/sqrt(2) for the diagonal TV differences.
 const float kInvSqrt2 = static_cast<float>(1.0 / std::sqrt(2.0));
 
@@ -97,12 +103,31 @@ double rowSquaredDeviation(const float* a, int n, double mean)
 }
 
 struct TvWeights {
-    const float* Lc;
     const float* Lr;
     const float* Ld;
     const float* Ldl;
     const float* Ldr;
 };
+
+// Centre weight at p (column c of W, row above present or not): minus the
+// sum of the weights to all eight neighbours, terms outside the grid
+// omitted, so that every row of the operator sums to zero. The weights of p
+// itself are always present (stored as 0 where they would reach outside).
+inline float centreWeight(const TvWeights& L, std::size_t p, int c, int W, bool up)
+{
+    const bool left = c > 0;
+    const bool right = c + 1 < W;
+    float sum = L.Lr[p] + L.Ld[p] + L.Ldl[p] + L.Ldr[p];
+    if (left)
+        sum += L.Lr[p - 1];
+    if (up)
+        sum += L.Ld[p - W];
+    if (up && left)
+        sum += L.Ldr[p - W - 1];
+    if (up && right)
+        sum += L.Ldl[p - W + 1];
+    return -sum;
+}
 
 // One element of out = L x, with the neighbours outside the grid omitted.
 inline float stencilElement(const TvWeights& L, const float* x, std::size_t p, int c, int W,
@@ -110,7 +135,7 @@ inline float stencilElement(const TvWeights& L, const float* x, std::size_t p, i
 {
     const bool left = c > 0;
     const bool right = c + 1 < W;
-    float v = L.Lc[p] * x[p];
+    float v = centreWeight(L, p, c, W, up) * x[p];
     if (right)
         v += L.Lr[p] * x[p + 1];
     if (left)
@@ -131,15 +156,28 @@ inline float stencilElement(const TvWeights& L, const float* x, std::size_t p, i
 }
 
 // Row r of out = L x: the first and last columns element by element, the
-// interior as one branch-free loop (same terms, same order).
+// interior as one branch-free loop (same terms, same order). The centre
+// weight is formed from the eight neighbour weights that the row reads
+// anyway, which saves storing and streaming a fifth weight array.
 template <bool Up, bool Down>
 void stencilRow(const TvWeights& L, const float* x, int r, int W, float* out)
 {
     const std::size_t p0 = static_cast<std::size_t>(r) * W;
     out[0] = stencilElement(L, x, p0, 0, W, Up, Down);
+    // out never overlaps x or the weights; with nine arrays the compiler
+    // cannot prove it by itself and would not vectorise. Each element keeps
+    // its own order of operations.
+#pragma omp simd
     for (int c = 1; c < W - 1; ++c) {
         const std::size_t p = p0 + c;
-        float v = L.Lc[p] * x[p];
+        float sum = L.Lr[p] + L.Ld[p] + L.Ldl[p] + L.Ldr[p];
+        sum += L.Lr[p - 1];
+        if constexpr (Up) {
+            sum += L.Ld[p - W];
+            sum += L.Ldr[p - W - 1];
+            sum += L.Ldl[p - W + 1];
+        }
+        float v = -sum * x[p];
         v += L.Lr[p] * x[p + 1];
         v += L.Lr[p - 1] * x[p - 1];
         if constexpr (Down)
@@ -169,8 +207,7 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
       convolution(fineSize(width_, factor_), fineSize(height_, factor_), psfSize, psfSize,
                   factor_),
       step(convolution.getStep()), negInvWeightTV(0.0f), epsilon(0.0f), invEpsilon(0.0f),
-      rr(0.0f), invNormB2(0.0f), alpha(0.0f), beta(0.0f), rrNew(0.0), converged(false),
-      refMean(0.0), mean(0.0f), sigma(1.0f), totalIterations(0), threadCapacity(1),
+      rr(0.0f), invNormB2(0.0f), refMean(0.0), mean(0.0f), sigma(1.0f), totalIterations(0), threadCapacity(1),
       threadWorkStride(0)
 {
     if (nFrames < 1)
@@ -189,9 +226,10 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
     psfX.assign(nFrames, std::vector<float>(psfSize, 0.0f));
     psfY.assign(nFrames, std::vector<float>(psfSize, 0.0f));
     lowBuffer.assign(static_cast<std::size_t>(nFrames) * width * height, 0.0f);
-    for (std::vector<float>* array : {&B, &U, &Lr, &Ld, &Ldl, &Ldr, &Lc, &R, &S, &Q})
+    for (std::vector<float>* array : {&B, &U, &Lr, &Ld, &Ldl, &Ldr, &R, &S, &Q})
         array->assign(fullSize, 0.0f);
     rowSums.assign(std::max(fullHeight, height), 0.0);
+    residualRowSums.assign(fullHeight, 0.0);
 
     // Per thread: one full row in phase layout, one low-resolution row, and
     // a ring of psfSize horizontally filtered rows per frame.
@@ -276,6 +314,9 @@ void SrFloatMinimization::computeL()
     const float halfW = 0.5f * negInvWeightTV;
     auto clampD = [eps, invEps](float d) { return std::min(std::max(d, eps), invEps); };
 
+    // Weights to the right, lower, lower-right and lower-left neighbour; 0
+    // where the neighbour lies outside the grid. The centre weight is formed
+    // where it is used (centreWeight).
 #pragma omp for schedule(static)
     for (int y = 0; y < H; ++y) {
         const std::size_t p0 = static_cast<std::size_t>(y) * W;
@@ -303,40 +344,15 @@ void SrFloatMinimization::computeL()
         for (int x = 1; x < W; ++x)
             ldl[x] = halfW / clampD(std::fabs(below[x - 1] - u[x]) * kInvSqrt2);
     }
-    // (implicit barrier: the centre weight reads the row above)
-
-    // Centre weight: minus the sum of the weights of all eight neighbours,
-    // so that every row of the operator sums to zero.
-#pragma omp for schedule(static)
-    for (int y = 0; y < H; ++y) {
-        const std::size_t p0 = static_cast<std::size_t>(y) * W;
-        const float* lr = Lr.data() + p0;
-        const float* ld = Ld.data() + p0;
-        const float* ldl = Ldl.data() + p0;
-        const float* ldr = Ldr.data() + p0;
-        float* lc = Lc.data() + p0;
-        if (y == 0) {
-            lc[0] = -(lr[0] + ld[0] + ldl[0] + ldr[0]);
-            for (int x = 1; x < W; ++x)
-                lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1]);
-            continue;
-        }
-        const float* ldUp = ld - W;
-        const float* ldrUp = ldr - W;
-        const float* ldlUp = ldl - W;
-        lc[0] = W > 1 ? -(lr[0] + ld[0] + ldl[0] + ldr[0] + ldUp[0] + ldlUp[1])
-                      : -(lr[0] + ld[0] + ldl[0] + ldr[0] + ldUp[0]);
-        for (int x = 1; x < W - 1; ++x)
-            lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1] + ldUp[x] + ldrUp[x - 1] +
-                      ldlUp[x + 1]);
-        if (W > 1) {
-            const int x = W - 1;
-            lc[x] = -(lr[x] + ld[x] + ldl[x] + ldr[x] + lr[x - 1] + ldUp[x] + ldrUp[x - 1]);
-        }
-    }
 }
 
-void SrFloatMinimization::predictFrames(const float* x, int nFrames_)
+float SrFloatMinimization::centreWeightAt(int x, int y) const
+{
+    const TvWeights L{Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
+    return centreWeight(L, static_cast<std::size_t>(y) * fullWidth + x, x, fullWidth, y > 0);
+}
+
+void SrFloatMinimization::predictFrames(const float* x, int nFrames_, char** masks)
 {
     // Each thread owns a band of low-resolution rows. Row i needs the
     // horizontally filtered full rows 2i .. 2i + psfSize - 1; a ring of
@@ -365,15 +381,22 @@ void SrFloatMinimization::predictFrames(const float* x, int nFrames_)
                                     phases);
             for (int f = 0; f < nFrames_; ++f)
                 detail::correlateSampledRow(phases, fullWidth, step, psfX[f].data(), psfSize,
-                                            width, ringSlot(f, slot));
+                                            width, ringSlot(f, slot), kSkipZeroTaps);
             ringRow[slot] = r;
         }
         for (int f = 0; f < nFrames_; ++f) {
             const float* psf = psfY[f].data();
+            float* low = lowBuffer.data() + f * frameSize + static_cast<std::size_t>(i) * width;
             detail::weightedRowSum([&](int k) { return ringSlot(f, (2 * i + k) % psfSize); },
-                                   [psf](int k) { return psf[k]; }, psfSize, width,
-                                   lowBuffer.data() + f * frameSize +
-                                       static_cast<std::size_t>(i) * width);
+                                   [psf](int k) { return psf[k]; }, psfSize, width, low,
+                                   kSkipZeroTaps);
+            // The transpose weights every sample by its mask as
+            // (float)mask * sample; doing it here once saves redoing it for
+            // every tap that reads the sample.
+            const signed char* mask =
+                reinterpret_cast<const signed char*>(masks[f]) + static_cast<std::size_t>(i) * width;
+            for (int j = 0; j < width; ++j)
+                low[j] = static_cast<float>(mask[j]) * low[j];
         }
     }
 }
@@ -387,14 +410,16 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
     float* phases = work;
     float* v = work + roundUp16(fullWidth);
     const std::size_t frameSize = static_cast<std::size_t>(width) * height;
-    const TvWeights L{Lc.data(), Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
+    const TvWeights L{Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
 
 #pragma omp for schedule(static)
     for (int r = 0; r < fullHeight; ++r) {
         const std::size_t p0 = static_cast<std::size_t>(r) * W;
         float* o = out + p0;
+        // The row is accumulated in phase layout (see detail/SparseConvRows.h)
+        // so that each frame's horizontal pass adds its totals in place.
         if (finish == RowFinish::BackProjection) {
-            std::fill(o, o + W, 0.0f);
+            std::fill(phases, phases + W, 0.0f);
         } else {
             const bool up = r > 0;
             const bool down = r + 1 < fullHeight;
@@ -406,6 +431,7 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
                 stencilRow<false, true>(L, x, r, W, o);
             else
                 stencilRow<false, false>(L, x, r, W, o);
+            detail::deinterleaveRow(o, W, step, phases);
         }
 
         // Back-projection of every frame onto row r, added frame by frame:
@@ -414,19 +440,28 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
         int count = 0;
         const int k0 = detail::firstVerticalTap(r, height, psfSize, &count);
         for (int f = 0; f < nFrames_; ++f) {
-            const float* low = sources ? sources[f] : lowBuffer.data() + f * frameSize;
-            const char* mask = masks[f];
             const float* psf = psfY[f].data();
             const auto lowRow = [&](int tap) {
                 return static_cast<std::size_t>((r - k0) / 2 - tap) * width;
             };
-            detail::maskedWeightedRowSum([&](int tap) { return low + lowRow(tap); },
-                                         [&](int tap) { return mask + lowRow(tap); },
-                                         [&](int tap) { return psf[k0 + 2 * tap]; }, count,
-                                         width, v);
-            detail::convolveUpsampledRow(v, width, step, psfX[f].data(), psfSize, W, phases);
-            detail::interleaveRowAdd(phases, W, step, o);
+            if (sources) {
+                const float* low = sources[f];
+                const char* mask = masks[f];
+                detail::maskedWeightedRowSum([&](int tap) { return low + lowRow(tap); },
+                                             [&](int tap) { return mask + lowRow(tap); },
+                                             [&](int tap) { return psf[k0 + 2 * tap]; },
+                                             count, width, v);
+            } else {
+                // Predictions already carry their mask (predictFrames).
+                const float* low = lowBuffer.data() + f * frameSize;
+                detail::weightedRowSum([&](int tap) { return low + lowRow(tap); },
+                                       [&](int tap) { return psf[k0 + 2 * tap]; }, count,
+                                       width, v, kSkipZeroTaps);
+            }
+            detail::convolveUpsampledRow(v, width, step, psfX[f].data(), psfSize, W, phases,
+                                         true, kSkipZeroTaps);
         }
+        detail::interleaveRow(phases, W, step, o);
 
         switch (finish) {
         case RowFinish::None:
@@ -460,13 +495,23 @@ void SrFloatMinimization::applyOperator(const float* x, int nFrames_, char** mas
     masterTrace("start gradient");
     for (int f = 0; f < nFrames_; ++f)
         masterTraceValue("gradient for frame: ", f);
-    predictFrames(x, nFrames_);
+    predictFrames(x, nFrames_, masks);
     finishRows(x, nFrames_, masks, nullptr, out, finish);
 }
 
 void SrFloatMinimization::gradient(float* const x, int nFrames_, char** masks, float* out)
 {
+    if (detail::ompInParallel()) {
+        applyOperator(x, nFrames_, masks, out, RowFinish::None);
+        return;
+    }
+    // Called on its own: share the passes among a team of our own.
+    traceFailure = nullptr;
+    const int nThreads = regionThreads();
+#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
     applyOperator(x, nFrames_, masks, out, RowFinish::None);
+    if (traceFailure)
+        std::rethrow_exception(traceFailure);
 }
 
 int SrFloatMinimization::conjugateGradients(int nFrames_, char** masks, int maxSmall)
@@ -478,10 +523,13 @@ int SrFloatMinimization::conjugateGradients(int nFrames_, char** masks, int maxS
 
     computeL();
     applyOperator(U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
-#pragma omp single
-    rr = static_cast<float>(detail::sumInOrder(rowSums.data(), fullHeight));
+    // Every thread forms the same sum (same terms, same order) after the
+    // operator's closing barrier; the member is written once for iteration().
+    const float rrStart = static_cast<float>(detail::sumInOrder(rowSums.data(), fullHeight));
+#pragma omp master
+    rr = rrStart;
 
-    if (relRes * relRes > invNormB2 * rr)
+    if (relRes * relRes > invNormB2 * rrStart)
         return 0;
     for (int k = 0; k < maxSmall; ++k) {
         masterTraceValue("start small iteration: ", k);
@@ -496,53 +544,53 @@ int SrFloatMinimization::conjugateGradients(int nFrames_, char** masks, int maxS
 
 bool SrFloatMinimization::iteration(int /*k*/, int nFrames_, char** masks)
 {
+    // Shared scalars are formed by every thread from the row sums after a
+    // barrier (identical values, no extra synchronisation); the two sums of a
+    // step go to different buffers so that one pass never overwrites row sums
+    // that a slower thread is still adding up. rr is read by all threads here
+    // and rewritten by the master only after the last barrier of the step.
     applyOperator(S.data(), nFrames_, masks, Q.data(), RowFinish::DotWithInput);
-#pragma omp single
-    alpha = static_cast<float>(rr / detail::sumInOrder(rowSums.data(), fullHeight));
+    const float alpha = static_cast<float>(rr / detail::sumInOrder(rowSums.data(), fullHeight));
 
     const int W = fullWidth;
-    const float a = alpha;
 #pragma omp for schedule(static)
     for (int r = 0; r < fullHeight; ++r) {
         const std::size_t p0 = static_cast<std::size_t>(r) * W;
         float* res = R.data() + p0;
         const float* q = Q.data() + p0;
         for (int c = 0; c < W; ++c)
-            res[c] = res[c] - a * q[c];
-        rowSums[r] = rowDot(res, res, W);
+            res[c] = res[c] - alpha * q[c];
+        residualRowSums[r] = rowDot(res, res, W);
     }
 
-#pragma omp single
-    {
-        rrNew = detail::sumInOrder(rowSums.data(), fullHeight);
-        converged = relRes * relRes > invNormB2 * rrNew;
-        if (!converged) {
-            beta = static_cast<float>(rrNew / rr);
-            rr = static_cast<float>(rrNew);
-        }
-    }
+    const double rrNew = detail::sumInOrder(residualRowSums.data(), fullHeight);
+    const bool converged = relRes * relRes > invNormB2 * rrNew;
+    const float beta = static_cast<float>(rrNew / rr);
 
     // U = U + alpha * S is done here, in the same pass as the new search
     // direction; nothing in between reads U.
-    const float b = beta;
-    const bool done = converged;
 #pragma omp for schedule(static)
     for (int r = 0; r < fullHeight; ++r) {
         const std::size_t p0 = static_cast<std::size_t>(r) * W;
         float* u = U.data() + p0;
         float* s = S.data() + p0;
         const float* res = R.data() + p0;
-        if (done) {
+        if (converged) {
             for (int c = 0; c < W; ++c)
-                u[c] = u[c] + a * s[c];
+                u[c] = u[c] + alpha * s[c];
         } else {
             for (int c = 0; c < W; ++c) {
-                u[c] = u[c] + a * s[c];
-                s[c] = s[c] * b + res[c];
+                u[c] = u[c] + alpha * s[c];
+                s[c] = s[c] * beta + res[c];
             }
         }
     }
-    return done;
+    // On convergence S and rr stay as they are.
+    if (!converged) {
+#pragma omp master
+        rr = static_cast<float>(rrNew);
+    }
+    return converged;
 }
 
 void SrFloatMinimization::normalizeFrames(int nFrames_, int refIndex, float** const frames)

@@ -120,9 +120,15 @@ private:
 
     // psfX[i], psfY[i] for frames i < nFrames from basePsf and the shifts.
     void generatePsfs(int nFrames, PointF* const shifts);
-    // TV weights Lr, Ld, Ldl, Ldr, Lc from the current estimate U.
+    // TV weights Lr, Ld, Ldl, Ldr from the current estimate U.
     void computeL();
-    // out = (sum_i A_i^T M_i A_i + L) x on the full grid.
+    // The centre weight Lc at (x, y) of the full grid: minus the sum of the
+    // eight neighbour weights. It is not stored: the operator forms it from
+    // the neighbour weights it reads anyway (same terms, same order).
+    float centreWeightAt(int x, int y) const;
+    // out = (sum_i A_i^T M_i A_i + L) x on the full grid, with the weights of
+    // the last computeL() and the PSFs of the last generatePsfs(). Shares the
+    // enclosing team inside a parallel region, opens its own otherwise.
     void gradient(float* const x, int nFrames, char** masks, float* out);
     // One large iteration: CG on the frozen L from the current U, at most
     // maxSmall steps; returns the number of steps taken (0 when the first
@@ -137,10 +143,11 @@ private:
     // scalars are written by one thread inside `single` blocks.
 
     // The operator in two fused passes: predictFrames (the model for every
-    // frame into lowBuffer) and finishRows (TV term plus back-projection,
-    // row by row, with `finish` applied to each finished row).
+    // frame, weighted by its mask, into lowBuffer) and finishRows (TV term
+    // plus back-projection, row by row, with `finish` applied to each
+    // finished row).
     void applyOperator(const float* x, int nFrames, char** masks, float* out, RowFinish finish);
-    void predictFrames(const float* x, int nFrames);
+    void predictFrames(const float* x, int nFrames, char** masks);
     // `sources`: the low-resolution images to back-project (the frames for
     // BackProjection; null for lowBuffer's predictions).
     void finishRows(const float* x, int nFrames, char** masks, const float* const* sources,
@@ -176,12 +183,13 @@ private:
     SrFloatConvolution convolution;
     int step;
 
-    // nFrames predicted low-resolution frames (width*height floats each).
+    // nFrames predicted low-resolution frames (width*height floats each),
+    // already multiplied by their masks.
     std::vector<float> lowBuffer;
 
     std::vector<float> B;  // right-hand side: back-projection of the frames
     std::vector<float> U;  // the estimate
-    std::vector<float> Lr, Ld, Ldl, Ldr, Lc;  // TV weights: right, down, down-left, down-right, centre
+    std::vector<float> Lr, Ld, Ldl, Ldr;  // TV weights: right, down, down-left, down-right
     std::vector<float> R;  // CG residual
     std::vector<float> S;  // CG search direction
     std::vector<float> Q;  // operator applied to S
@@ -194,17 +202,15 @@ private:
 
     // Shared scalars of the parallel solve, written by one thread between
     // barriers.
-    float alpha;
-    float beta;
-    double rrNew;
-    bool converged;
     double refMean;
     float mean;
     float sigma;
     int totalIterations;
 
-    // One double per full-grid row for the ordered reductions.
+    // One double per full-grid row for the ordered reductions; the residual
+    // norm of a CG step has its own buffer (see iteration()).
     std::vector<double> rowSums;
+    std::vector<double> residualRowSums;
     // Per-thread work rows of the fused passes, and the row held by each slot
     // of a thread's ring of horizontally filtered rows.
     int threadCapacity;

@@ -33,7 +33,15 @@ public:
     const std::vector<float>& psfY(int i) const { return m_.psfY[i]; }
     std::vector<float>& U() { return m_.U; }
     void computeL() { m_.computeL(); }
-    const std::vector<float>& Lc() const { return m_.Lc; }
+    // The centre weights of the whole grid.
+    std::vector<float> Lc() const
+    {
+        std::vector<float> lc(size_t(m_.fullWidth) * m_.fullHeight);
+        for (int y = 0; y < m_.fullHeight; ++y)
+            for (int x = 0; x < m_.fullWidth; ++x)
+                lc[size_t(y) * m_.fullWidth + x] = m_.centreWeightAt(x, y);
+        return lc;
+    }
     const std::vector<float>& Lr() const { return m_.Lr; }
     const std::vector<float>& Ld() const { return m_.Ld; }
     const std::vector<float>& Ldl() const { return m_.Ldl; }
@@ -203,8 +211,9 @@ TEST(SrFloatMinimization, TvOperatorRowsSumToZero)
             std::fill(mask.begin(), mask.end(), 0);
         std::vector<float> constant(fullSize, 7.0f), out(fullSize, 1.0f);
         peer.gradient(constant, none.pointers, out);
+        const std::vector<float> lc = peer.Lc();
         for (size_t p = 0; p < fullSize; ++p)
-            ASSERT_NEAR(0.0f, out[p], 1e-5f * 7.0f * std::fabs(peer.Lc()[p])) << "element " << p;
+            ASSERT_NEAR(0.0f, out[p], 1e-5f * 7.0f * std::fabs(lc[p])) << "element " << p;
     }
 }
 
@@ -255,11 +264,12 @@ TEST(SrFloatMinimization, OperatorEqualsTheCompositionOfItsParts)
         peer.gradient(x, masks.pointers, actual);
 
         std::vector<float> expected(fullSize);
+        const std::vector<float> lc = peer.Lc();
         for (int r = 0; r < H; ++r)
             for (int c = 0; c < W; ++c) {
                 const int p = r * W + c;
                 const bool up = r > 0, down = r < H - 1, left = c > 0, right = c < W - 1;
-                float v = peer.Lc()[p] * x[p];
+                float v = lc[p] * x[p];
                 if (right) v += peer.Lr()[p] * x[p + 1];
                 if (left) v += peer.Lr()[p - 1] * x[p - 1];
                 if (down) v += peer.Ld()[p] * x[p + W];
@@ -279,7 +289,19 @@ TEST(SrFloatMinimization, OperatorEqualsTheCompositionOfItsParts)
             for (size_t p = 0; p < fullSize; ++p)
                 expected[p] += tmp[p];
         }
+#if defined(__FP_FAST_FMAF)
+        // With fused multiply-add available the compiler may contract the
+        // nine products of the TV stencil differently in the two codes (the
+        // convolution passes stay exact, as their own tests show): allow a
+        // few units in the last place of the stencil's terms (|x| <= 1, the
+        // weights of a row add up to 2 |Lc|).
+        for (size_t p = 0; p < fullSize; ++p)
+            ASSERT_NEAR(expected[p], actual[p],
+                        1e-6f * (2.0f * std::fabs(lc[p]) + std::fabs(expected[p])))
+                << "element " << p;
+#else
         EXPECT_TRUE(krotest::sameBytes(expected, actual));
+#endif
     }
 }
 

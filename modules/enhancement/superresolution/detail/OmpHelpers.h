@@ -45,6 +45,17 @@ inline int ompThreadNum()
 #endif
 }
 
+// True inside an active parallel region (steps written with orphaned
+// work-sharing loops then share the enclosing team instead of opening one).
+inline bool ompInParallel()
+{
+#ifdef _OPENMP
+    return omp_in_parallel() != 0;
+#else
+    return false;
+#endif
+}
+
 // Number of per-thread work buffers an object should allocate in its
 // constructor: enough for every thread a later region may use, whatever the
 // thread count is set to between construction and use. Regions are then

@@ -8,7 +8,22 @@ namespace {
 
 // The tap loop has a compile-time length, so the compiler unrolls it and
 // vectorises over j, keeping the running sum in a register.
-template <int N, bool Accumulate>
+template <SumMode Mode>
+inline float startOf(const float* out, int j)
+{
+    return Mode == SumMode::Continue ? out[j] : 0.0f;
+}
+
+template <SumMode Mode>
+inline void store(float* out, int j, float sum)
+{
+    if (Mode == SumMode::AddTotal)
+        out[j] += sum;
+    else
+        out[j] = sum;
+}
+
+template <int N, SumMode Mode>
 void weightedSumN(const float* const* srcIn, const float* weightIn, int n, float* out)
 {
     const float* src[N];
@@ -18,14 +33,14 @@ void weightedSumN(const float* const* srcIn, const float* weightIn, int n, float
         weight[t] = weightIn[t];
     }
     for (int j = 0; j < n; ++j) {
-        float sum = Accumulate ? out[j] : 0.0f;
+        float sum = startOf<Mode>(out, j);
         for (int t = 0; t < N; ++t)
             sum += src[t][j] * weight[t];
-        out[j] = sum;
+        store<Mode>(out, j, sum);
     }
 }
 
-template <int N, bool Accumulate>
+template <int N, SumMode Mode>
 void maskedWeightedSumN(const float* const* srcIn, const char* const* maskIn,
                         const float* weightIn, int n, float* out)
 {
@@ -38,52 +53,55 @@ void maskedWeightedSumN(const float* const* srcIn, const char* const* maskIn,
         weight[t] = weightIn[t];
     }
     for (int j = 0; j < n; ++j) {
-        float sum = Accumulate ? out[j] : 0.0f;
+        float sum = startOf<Mode>(out, j);
         for (int t = 0; t < N; ++t)
             sum += static_cast<float>(mask[t][j]) * src[t][j] * weight[t];
-        out[j] = sum;
+        store<Mode>(out, j, sum);
     }
 }
 
-template <bool Accumulate>
+template <SumMode Mode>
 void weightedSumDispatch(const float* const* src, const float* weight, int count, int n,
                          float* out)
 {
     switch (count) {
     case 0:
-        if (!Accumulate)
+        if (Mode == SumMode::Assign)
             for (int j = 0; j < n; ++j)
                 out[j] = 0.0f;
+        else if (Mode == SumMode::AddTotal)
+            for (int j = 0; j < n; ++j)
+                out[j] += 0.0f;  // turns -0 into +0, as adding a zero total does
         break;
-    case 1: weightedSumN<1, Accumulate>(src, weight, n, out); break;
-    case 2: weightedSumN<2, Accumulate>(src, weight, n, out); break;
-    case 3: weightedSumN<3, Accumulate>(src, weight, n, out); break;
-    case 4: weightedSumN<4, Accumulate>(src, weight, n, out); break;
-    case 5: weightedSumN<5, Accumulate>(src, weight, n, out); break;
-    case 6: weightedSumN<6, Accumulate>(src, weight, n, out); break;
-    case 7: weightedSumN<7, Accumulate>(src, weight, n, out); break;
-    default: weightedSumN<8, Accumulate>(src, weight, n, out); break;
+    case 1: weightedSumN<1, Mode>(src, weight, n, out); break;
+    case 2: weightedSumN<2, Mode>(src, weight, n, out); break;
+    case 3: weightedSumN<3, Mode>(src, weight, n, out); break;
+    case 4: weightedSumN<4, Mode>(src, weight, n, out); break;
+    case 5: weightedSumN<5, Mode>(src, weight, n, out); break;
+    case 6: weightedSumN<6, Mode>(src, weight, n, out); break;
+    case 7: weightedSumN<7, Mode>(src, weight, n, out); break;
+    default: weightedSumN<8, Mode>(src, weight, n, out); break;
     }
 }
 
-template <bool Accumulate>
+template <SumMode Mode>
 void maskedWeightedSumDispatch(const float* const* src, const char* const* mask,
                                const float* weight, int count, int n, float* out)
 {
     switch (count) {
     case 0:
-        if (!Accumulate)
+        if (Mode == SumMode::Assign)
             for (int j = 0; j < n; ++j)
                 out[j] = 0.0f;
         break;
-    case 1: maskedWeightedSumN<1, Accumulate>(src, mask, weight, n, out); break;
-    case 2: maskedWeightedSumN<2, Accumulate>(src, mask, weight, n, out); break;
-    case 3: maskedWeightedSumN<3, Accumulate>(src, mask, weight, n, out); break;
-    case 4: maskedWeightedSumN<4, Accumulate>(src, mask, weight, n, out); break;
-    case 5: maskedWeightedSumN<5, Accumulate>(src, mask, weight, n, out); break;
-    case 6: maskedWeightedSumN<6, Accumulate>(src, mask, weight, n, out); break;
-    case 7: maskedWeightedSumN<7, Accumulate>(src, mask, weight, n, out); break;
-    default: maskedWeightedSumN<8, Accumulate>(src, mask, weight, n, out); break;
+    case 1: maskedWeightedSumN<1, Mode>(src, mask, weight, n, out); break;
+    case 2: maskedWeightedSumN<2, Mode>(src, mask, weight, n, out); break;
+    case 3: maskedWeightedSumN<3, Mode>(src, mask, weight, n, out); break;
+    case 4: maskedWeightedSumN<4, Mode>(src, mask, weight, n, out); break;
+    case 5: maskedWeightedSumN<5, Mode>(src, mask, weight, n, out); break;
+    case 6: maskedWeightedSumN<6, Mode>(src, mask, weight, n, out); break;
+    case 7: maskedWeightedSumN<7, Mode>(src, mask, weight, n, out); break;
+    default: maskedWeightedSumN<8, Mode>(src, mask, weight, n, out); break;
     }
 }
 
@@ -150,26 +168,26 @@ void interleaveRowAdd(const float* phases, int n, int step, float* row)
 }
 
 void weightedSumChunk(const float* const* src, const float* weight, int count, int n,
-                      bool accumulate, float* out)
+                      SumMode mode, float* out)
 {
-    if (accumulate)
-        weightedSumDispatch<true>(src, weight, count, n, out);
-    else
-        weightedSumDispatch<false>(src, weight, count, n, out);
+    switch (mode) {
+    case SumMode::Assign: weightedSumDispatch<SumMode::Assign>(src, weight, count, n, out); break;
+    case SumMode::Continue: weightedSumDispatch<SumMode::Continue>(src, weight, count, n, out); break;
+    case SumMode::AddTotal: weightedSumDispatch<SumMode::AddTotal>(src, weight, count, n, out); break;
+    }
 }
 
 void maskedWeightedSumChunk(const float* const* src, const char* const* mask,
-                            const float* weight, int count, int n, bool accumulate,
-                            float* out)
+                            const float* weight, int count, int n, SumMode mode, float* out)
 {
-    if (accumulate)
-        maskedWeightedSumDispatch<true>(src, mask, weight, count, n, out);
+    if (mode == SumMode::Continue)
+        maskedWeightedSumDispatch<SumMode::Continue>(src, mask, weight, count, n, out);
     else
-        maskedWeightedSumDispatch<false>(src, mask, weight, count, n, out);
+        maskedWeightedSumDispatch<SumMode::Assign>(src, mask, weight, count, n, out);
 }
 
 void correlateSampledRow(const float* phases, int n, int step, const float* psf, int taps,
-                         int lowWidth, float* out)
+                         int lowWidth, float* out, bool skipZeroWeights)
 {
     // Tap l reads row[l + step*j] = phase (l % step) at index l / step + j.
     int offsets[kMaxKernelTaps];
@@ -182,11 +200,11 @@ void correlateSampledRow(const float* phases, int n, int step, const float* psf,
             const int start = p < phaseCount ? offsets[p] : phaseOffset(n, step, p);
             return phases + start + l / step;
         },
-        [&](int l) { return psf[l]; }, taps, lowWidth, out);
+        [&](int l) { return psf[l]; }, taps, lowWidth, out, skipZeroWeights);
 }
 
 void convolveUpsampledRow(const float* low, int lowWidth, int step, const float* psf, int taps,
-                          int n, float* phasesOut)
+                          int n, float* phasesOut, bool addTotal, bool skipZeroWeights)
 {
     // Column c = p + step*m of phase p collects the taps l = p + step*q
     // (q increasing is l increasing) with the samples j = m - q.
@@ -194,15 +212,6 @@ void convolveUpsampledRow(const float* low, int lowWidth, int step, const float*
     for (int p = 0; p < step && p < n; ++p) {
         const int length = phaseLength(n, step, p);
         const int tapsHere = phaseLength(taps, step, p);
-        if (tapsHere == 0) {
-            for (int m = 0; m < length; ++m)
-                dst[m] = 0.0f;
-            dst += length;
-            continue;
-        }
-        // Interior m in [tapsHere - 1, lowWidth): every tap has its sample.
-        const int interiorBegin = tapsHere - 1 < length ? tapsHere - 1 : length;
-        const int interiorEnd = lowWidth < length ? lowWidth : length;
         auto edge = [&](int m) {
             float sum = 0.0f;
             for (int q = 0; q < tapsHere; ++q) {
@@ -210,14 +219,42 @@ void convolveUpsampledRow(const float* low, int lowWidth, int step, const float*
                 if (j >= 0 && j < lowWidth)
                     sum += low[j] * psf[p + step * q];
             }
-            dst[m] = sum;
+            if (addTotal)
+                dst[m] += sum;
+            else
+                dst[m] = sum;
         };
+        // Interior m in [tapsHere - 1, lowWidth): every tap has its sample.
+        // (An added total needs the whole sum in one kernel call; longer
+        // phases take the element-wise path.)
+        int interiorBegin = tapsHere - 1 < length ? tapsHere - 1 : length;
+        int interiorEnd = lowWidth < length ? lowWidth : length;
+        if (tapsHere == 0 || (addTotal && tapsHere > kMaxKernelTaps))
+            interiorBegin = interiorEnd = length;
         for (int m = 0; m < interiorBegin; ++m)
             edge(m);
-        if (interiorEnd > interiorBegin)
-            weightedRowSum([&](int q) { return low + interiorBegin - q; },
-                           [&](int q) { return psf[p + step * q]; }, tapsHere,
-                           interiorEnd - interiorBegin, dst + interiorBegin);
+        if (interiorEnd > interiorBegin) {
+            if (addTotal) {
+                const float* src[kMaxKernelTaps];
+                float weight[kMaxKernelTaps];
+                int used = 0;
+                for (int q = 0; q < tapsHere; ++q) {
+                    const float w = psf[p + step * q];
+                    if (skipZeroWeights && w == 0.0f)
+                        continue;
+                    src[used] = low + interiorBegin - q;
+                    weight[used] = w;
+                    ++used;
+                }
+                weightedSumChunk(src, weight, used, interiorEnd - interiorBegin,
+                                 SumMode::AddTotal, dst + interiorBegin);
+            } else {
+                weightedRowSum([&](int q) { return low + interiorBegin - q; },
+                               [&](int q) { return psf[p + step * q]; }, tapsHere,
+                               interiorEnd - interiorBegin, dst + interiorBegin,
+                               skipZeroWeights);
+            }
+        }
         for (int m = interiorEnd > interiorBegin ? interiorEnd : interiorBegin; m < length; ++m)
             edge(m);
         dst += length;

@@ -47,35 +47,51 @@ void deinterleaveRow(const float* row, int n, int step, float* phases);
 void interleaveRow(const float* phases, int n, int step, float* row);
 void interleaveRowAdd(const float* phases, int n, int step, float* row);
 
-// out[j] (= 0 or, with `accumulate`, its current value) + sum over t < count,
-// in increasing t, of src[t][j] * weight[t], for j < n. count <= kMaxKernelTaps.
-void weightedSumChunk(const float* const* src, const float* weight, int count, int n,
-                      bool accumulate, float* out);
+// How a kernel combines its sum with the output.
+enum class SumMode {
+    Assign,    // out[j] = 0 + terms
+    Continue,  // out[j] = out[j] + terms (continues an earlier chunk's sum)
+    AddTotal   // out[j] = out[j] + (0 + terms): adds a separately rounded total
+};
 
-// Same with a per-sample weight: + (float)mask[t][j] * src[t][j] * weight[t].
-// The mask values are signed 8-bit.
+// Sum over t < count, in increasing t, of src[t][j] * weight[t], for j < n,
+// combined with out[j] as `mode` says. count <= kMaxKernelTaps.
+void weightedSumChunk(const float* const* src, const float* weight, int count, int n,
+                      SumMode mode, float* out);
+
+// Same with a per-sample weight: terms (float)mask[t][j] * src[t][j] * weight[t].
+// The mask values are signed 8-bit. `mode` is Assign or Continue.
 void maskedWeightedSumChunk(const float* const* src, const char* const* mask,
-                            const float* weight, int count, int n, bool accumulate,
-                            float* out);
+                            const float* weight, int count, int n, SumMode mode, float* out);
 
 // out[j] = sum over t < count (increasing) of srcOf(t)[j] * weightOf(t), j < n,
 // accumulated from +0; any count (0 gives zeros).
+//
+// With `skipZeroWeights`, taps whose weight is exactly 0 are left out. For
+// finite samples that changes no bit: such a tap adds +-0 to a sum that
+// started at +0 and so is never -0. (Only an infinite or NaN sample would
+// notice, which is why the public operators keep every tap.)
 template <class SrcOf, class WeightOf>
-void weightedRowSum(SrcOf srcOf, WeightOf weightOf, int count, int n, float* out)
+void weightedRowSum(SrcOf srcOf, WeightOf weightOf, int count, int n, float* out,
+                    bool skipZeroWeights = false)
 {
-    const float* src[kMaxKernelTaps];
-    float weight[kMaxKernelTaps];
+    const float* src[kMaxKernelTaps] = {};
+    float weight[kMaxKernelTaps] = {};
     int t = 0;
-    bool accumulate = false;
+    SumMode mode = SumMode::Assign;
     do {
-        const int chunk = count - t < kMaxKernelTaps ? count - t : kMaxKernelTaps;
-        for (int c = 0; c < chunk; ++c) {
-            src[c] = srcOf(t + c);
-            weight[c] = weightOf(t + c);
+        int chunk = 0;
+        for (; t < count && chunk < kMaxKernelTaps; ++t) {
+            const float w = weightOf(t);
+            if (skipZeroWeights && w == 0.0f)
+                continue;
+            src[chunk] = srcOf(t);
+            weight[chunk] = w;
+            ++chunk;
         }
-        weightedSumChunk(src, weight, chunk, n, accumulate, out);
-        accumulate = true;
-        t += chunk;
+        if (chunk > 0 || mode == SumMode::Assign)
+            weightedSumChunk(src, weight, chunk, n, mode, out);
+        mode = SumMode::Continue;
     } while (t < count);
 }
 
@@ -88,7 +104,7 @@ void maskedWeightedRowSum(SrcOf srcOf, MaskOf maskOf, WeightOf weightOf, int cou
     const char* mask[kMaxKernelTaps];
     float weight[kMaxKernelTaps];
     int t = 0;
-    bool accumulate = false;
+    SumMode mode = SumMode::Assign;
     do {
         const int chunk = count - t < kMaxKernelTaps ? count - t : kMaxKernelTaps;
         for (int c = 0; c < chunk; ++c) {
@@ -96,25 +112,29 @@ void maskedWeightedRowSum(SrcOf srcOf, MaskOf maskOf, WeightOf weightOf, int cou
             mask[c] = maskOf(t + c);
             weight[c] = weightOf(t + c);
         }
-        maskedWeightedSumChunk(src, mask, weight, chunk, n, accumulate, out);
-        accumulate = true;
+        maskedWeightedSumChunk(src, mask, weight, chunk, n, mode, out);
+        mode = SumMode::Continue;
         t += chunk;
     } while (t < count);
 }
 
 // Horizontal pass of the model on one full row given in phase layout:
 // out[j] = sum over l < taps of row[l + step*j] * psf[l], j < lowWidth.
-// Requires (taps - 1) + step*(lowWidth - 1) < n.
+// Requires (taps - 1) + step*(lowWidth - 1) < n. `skipZeroWeights` as in
+// weightedRowSum.
 void correlateSampledRow(const float* phases, int n, int step, const float* psf, int taps,
-                         int lowWidth, float* out);
+                         int lowWidth, float* out, bool skipZeroWeights = false);
 
-// Horizontal pass of the transpose on one row: the row of n samples (written
-// in phase layout to phasesOut, every sample written) gets, at column c, the
-// sum over (l, j) with l + step*j = c, l < taps, j < lowWidth, in increasing
-// l, of low[j] * psf[l]; columns without such a pair get +0.
-// Requires (taps - 1) + step*(lowWidth - 1) < n.
+// Horizontal pass of the transpose on one row: the row of n samples (in
+// phase layout in phasesOut) gets, at column c, the sum over (l, j) with
+// l + step*j = c, l < taps, j < lowWidth, in increasing l, of low[j] * psf[l];
+// columns without such a pair get +0. With `addTotal` every sum is added to
+// the value already in phasesOut instead of replacing it.
+// Requires (taps - 1) + step*(lowWidth - 1) < n. `skipZeroWeights` as in
+// weightedRowSum.
 void convolveUpsampledRow(const float* low, int lowWidth, int step, const float* psf, int taps,
-                          int n, float* phasesOut);
+                          int n, float* phasesOut, bool addTotal = false,
+                          bool skipZeroWeights = false);
 
 // The vertical taps of the transpose that reach full row r: taps k (in
 // increasing order) with r - k even and 0 <= (r - k) / 2 < lowHeight.
