@@ -1,0 +1,195 @@
+#pragma once
+
+#include <exception>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "KroLibExport.h"
+#include "PointF.h"
+#include "SrFloatFft2d.h"
+
+namespace velmor {
+namespace kro {
+
+// Registration of the float super-resolution engine by phase correlation
+// and one optical-flow step.
+//
+// For every held frame it finds the displacement against a reference frame,
+// builds a validity mask and writes the frame cut to the integer part of its
+// displacement, which is what the minimiser consumes:
+//  1. integer shift: the peak of the phase correlation of the frame's and the
+//     reference's spectra;
+//  2. sub-pixel remainder: one least-squares optical-flow step between the
+//     Gaussian-blurred frame (displaced by the integer shift) and the blurred
+//     reference, over the region where the two overlap;
+//  3. mask: 1 where the locally averaged residual of that flow model is below
+//     the registration error `regError`, 0 elsewhere.
+//
+// Sign convention (the whole engine uses it): a frame whose content is the
+// reference moved by d, frame(x, y) = reference(x - d.x, y - d.y), gets the
+// shift d (x to the right, y downwards). Cutting it with
+// workFrame[p] = frame[p + k], k = width * round(d.y) + round(d.x) (rounding
+// half up), aligns it with the reference up to the sub-pixel remainder left in
+// `shifts`, and the minimiser models the work frame as the reference moved by
+// that remainder.
+//
+// Masks: one signed byte per pixel, in the coordinates of the work frame (the
+// reference grid): 1 where the pixel is used, 0 where it is dropped. Pixels
+// that the cut leaves without data (including those that run on into the
+// neighbouring row) are always 0. The reference's mask is all ones.
+//
+// Frame ring: the driver calls prepareFrame for every new frame; the
+// registration keeps the spectra of the last `windowSize` frames, oldest
+// first, in step with the driver's ring of frames, and clearFrames empties it
+// together with the driver's.
+//
+// Sizes: width must be even (the packed real spectrum is exact only for even
+// widths), width and height at least 12 (twice the Gaussian radius plus 2).
+// Every buffer is allocated by the constructor (setGaussRadius reallocates
+// the small kernel); registration itself allocates only inside the shared
+// mean filter.
+//
+// Threads: the per-pixel passes run as OpenMP loops in fixed row blocks,
+// small images on the calling thread; sums are accumulated in double per row
+// and combined in row order, so results do not depend on the thread count.
+// One object serves one call at a time; copies are deep and independent.
+class KROLIB_EXPORT SrFloatRegistration1 {
+public:
+    // Throws Exception when width is odd or below 12, height below 12 or
+    // windowSize below 1.
+    SrFloatRegistration1(int width, int height, int windowSize);
+    SrFloatRegistration1(const SrFloatRegistration1& other);
+    SrFloatRegistration1(SrFloatRegistration1&& other) = default;
+    SrFloatRegistration1& operator=(const SrFloatRegistration1& other);
+    SrFloatRegistration1& operator=(SrFloatRegistration1&& other) = default;
+    ~SrFloatRegistration1();
+
+    // Radius r of the Gaussian blur before the flow step, with sigma
+    // r * sqrt(3) / 5 (default 5, sigma sqrt(3)). Throws Exception, changing
+    // nothing, unless 1 <= r and 2 * r + 2 <= min(width, height).
+    void setGaussRadius(int radius);
+    int getGaussRadius() const { return gaussRadius; }
+
+    // Largest locally averaged flow residual at which a pixel is kept
+    // (default 0.0001). Stored as given; the driver validates the range.
+    void setRegError(float error) { regError = error; }
+    float getRegError() const { return regError; }
+
+    // Radius of the mean filter that averages the residual before the
+    // threshold (default 3). Throws Exception for a negative radius.
+    void setRegErrBlurRadius(int radius);
+    int getRegErrBlurRadius() const { return regErrBlurRadius; }
+
+    // Adds the spectrum of one new frame (width x height floats, only read).
+    // With windowSize spectra held, the oldest is dropped. Throws Exception
+    // for a null frame.
+    void prepareFrame(float* frame);
+
+    // Forgets every prepared frame (the buffers are kept).
+    void clearFrames() { framesPrepared = 0; }
+
+    // Registers the `count` held frames against frame `refPos`:
+    //  - frames[i]: the held frames, oldest first, in the order of the
+    //    prepared spectra (count must equal the number prepared);
+    //  - shifts[i]: receives the sub-pixel remainder of frame i's shift after
+    //    the cut (in [-0.5, 0.5)); the complete shifts are kept for
+    //    getCompleteShifts;
+    //  - masks[i]: receives frame i's mask (width * height bytes);
+    //  - workFrames[i]: receives frame i cut to its integer shift.
+    // Returns 0. Throws Exception "Too large displacement" when a shift
+    // reaches half the height (either axis, against height / 2); the work
+    // frames are then left untouched. Throws Exception for a count that does
+    // not match the prepared frames, a bad refPos or a null pointer.
+    int doRegistration(int count, int refPos, float** frames, PointF* shifts, char** masks,
+                       float** workFrames);
+
+    // The complete shifts (integer part included) of the last registration,
+    // one per frame.
+    void getCompleteShifts(std::vector<PointF>& out) const { out = completeShifts; }
+
+    int getWidth() const { return width; }
+    int getHeight() const { return height; }
+    int getWindowSize() const { return windowSize; }
+    int getFramesPrepared() const { return framesPrepared; }
+
+private:
+    friend class SrFloatRegistration1Peer;
+
+    // Masks of the reference, gradients of the blurred reference and their
+    // tensor (per row and in total).
+    void initialize(char** masks, int count);
+    // Fills crossSpectrum (phase correlation) and blurredSpectrum (Gaussian
+    // blur) from the spectra at ring positions refPos and framePos.
+    void spectralProducts(int refPos, int framePos);
+    // Phase-correlation peak and flow step of one frame (the correlation
+    // surface and blurredCurrent already computed) in one parallel region;
+    // writes the frame's mask and returns its complete shift.
+    PointF registerFrame(char* mask);
+
+    // The two steps of registerFrame. Every thread of the team calls them
+    // and they share the work through orphaned work-sharing loops (called
+    // outside a parallel region they run serially); every thread gets the
+    // same result.
+    //  - phaseCorrelation: the peak of the correlation surface as a shift;
+    //  - opticalFlow: the complete shift from the integer shift, and the mask.
+    PointI phaseCorrelation();
+    PointF opticalFlow(PointI shift, char* mask);
+
+    void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
+    void shiftFrame(float* frame, PointF& shift, float* out);
+    // Ring position -> spectrum.
+    float (*spectrum(int position))[2];
+
+    // Peak index (row-major) of the correlation surface -> signed shift:
+    // rows above height / 2 and columns above width / 2 wrap to negative.
+    static PointI unwrapPeak(int index, int width, int height);
+
+    int width;
+    int height;
+    int inputSize;
+    int windowSize;
+    int framesPrepared;
+    int spectrumSize;
+    float regError;
+    int gaussRadius;
+    int regErrBlurRadius;
+
+    // windowSize spectra (height x (width / 2 + 1) complex, CV_32FC2), in
+    // ring order: spectra[0] is the oldest.
+    std::vector<cv::Mat> spectra;
+    SrFloatFft2d fft;
+    cv::Mat gaussSpectrum;
+    cv::Mat crossSpectrum;
+    // The current frame's spectrum times gaussSpectrum.
+    cv::Mat blurredSpectrum;
+
+    cv::Mat_<float> correlation;
+    cv::Mat_<float> blurredReference;
+    cv::Mat_<float> blurredCurrent;
+    cv::Mat_<float> gradX;
+    cv::Mat_<float> gradY;
+    cv::Mat_<float> errorImage;
+    cv::Mat_<float> blurredError;
+
+    std::vector<float> kernel;
+
+    float tensorXX;
+    float tensorXY;
+    float tensorYY;
+
+    std::vector<PointF> completeShifts;
+
+    // Per-row partial results of the ordered reductions: the reference's
+    // gradient tensor (xx, xy, yy), the flow sums (bx, by, and the tensor of
+    // the excluded columns), the row maxima of the correlation surface.
+    std::vector<double> rowTensor;
+    std::vector<double> rowFlow;
+    std::vector<float> rowPeakValue;
+    std::vector<int> rowPeakIndex;
+    // An exception raised inside a parallel region, rethrown after it.
+    std::exception_ptr regionFailure;
+};
+
+} // namespace kro
+} // namespace velmor
