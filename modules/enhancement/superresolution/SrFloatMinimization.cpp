@@ -68,20 +68,25 @@ float erfApprox(float x)
     return x < 0.0f ? -magnitude : magnitude;
 }
 
-// Double sums of one row in eight fixed lanes, combined in a fixed order: the
-// same value whatever thread computes the row, and fast enough not to
-// dominate a pass. Float products are exact in double.
+// Double sums of one row in 32 fixed lanes (element j to lane j % 32),
+// combined by a fixed pairwise tree: the same value whatever thread computes
+// the row, and enough independent sums to keep the vector units busy. Float
+// products are exact in double.
 template <class Term>
 double laneSum(int n, Term term)
 {
-    double lane[8] = {0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    constexpr int kLanes = 32;
+    double lane[kLanes] = {};
     int j = 0;
-    for (; j + 8 <= n; j += 8)
-        for (int k = 0; k < 8; ++k)
+    for (; j + kLanes <= n; j += kLanes)
+        for (int k = 0; k < kLanes; ++k)
             lane[k] += term(j + k);
     for (int k = 0; j < n; ++j, ++k)
         lane[k] += term(j);
-    return ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
+    for (int width = kLanes / 2; width > 0; width /= 2)
+        for (int k = 0; k < width; ++k)
+            lane[k] += lane[k + width];
+    return lane[0];
 }
 
 double rowSum(const float* a, int n)
@@ -234,7 +239,7 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
     // Per thread: one full row in phase layout, one low-resolution row, and
     // a ring of psfSize horizontally filtered rows per frame.
     threadCapacity = detail::ompThreadCapacity();
-    threadWorkStride = roundUp16(fullWidth) + roundUp16(width) +
+    threadWorkStride = phaseRowFloats() + paddedRowFloats() +
                        static_cast<std::size_t>(nFrames) * psfSize * roundUp16(width);
     threadWork.assign(threadWorkStride * threadCapacity, 0.0f);
     ringRows.assign(static_cast<std::size_t>(psfSize) * threadCapacity, -1);
@@ -362,7 +367,7 @@ void SrFloatMinimization::predictFrames(const float* x, int nFrames_, char** mas
     float* work = threadWork.data() + threadWorkStride * t;
     float* phases = work;
     const std::size_t lowStride = roundUp16(width);
-    float* ring = work + roundUp16(fullWidth) + lowStride;
+    float* ring = work + phaseRowFloats() + paddedRowFloats();
     int* ringRow = ringRows.data() + static_cast<std::size_t>(psfSize) * t;
     std::fill(ringRow, ringRow + psfSize, -1);
     auto ringSlot = [&](int f, int slot) {
@@ -408,7 +413,10 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
     const int t = detail::ompThreadNum();
     float* work = threadWork.data() + threadWorkStride * t;
     float* phases = work;
-    float* v = work + roundUp16(fullWidth);
+    // One low-resolution row with kRowPad zeros on each side.
+    float* v = work + phaseRowFloats() + detail::kRowPad;
+    std::fill(v - detail::kRowPad, v, 0.0f);
+    std::fill(v + width, v + width + detail::kRowPad, 0.0f);
     const std::size_t frameSize = static_cast<std::size_t>(width) * height;
     const TvWeights L{Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
 
@@ -458,8 +466,8 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
                                        [&](int tap) { return psf[k0 + 2 * tap]; }, count,
                                        width, v, kSkipZeroTaps);
             }
-            detail::convolveUpsampledRow(v, width, step, psfX[f].data(), psfSize, W, phases,
-                                         true, kSkipZeroTaps);
+            detail::convolveUpsampledPaddedRow(v, width, step, psfX[f].data(), psfSize, W,
+                                               phases, true, kSkipZeroTaps);
         }
         detail::interleaveRow(phases, W, step, o);
 
@@ -648,6 +656,16 @@ void SrFloatMinimization::masterTraceValue(const char* text, int value)
                 traceFailure = std::current_exception();
         }
     }
+}
+
+std::size_t SrFloatMinimization::phaseRowFloats() const
+{
+    return roundUp16(fullWidth);
+}
+
+std::size_t SrFloatMinimization::paddedRowFloats() const
+{
+    return roundUp16(static_cast<std::size_t>(width) + 2 * detail::kRowPad);
 }
 
 int SrFloatMinimization::regionThreads() const

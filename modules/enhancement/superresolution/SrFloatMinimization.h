@@ -158,6 +158,10 @@ private:
     void masterTrace(const char* text);
     void masterTraceValue(const char* text, int value);
     int regionThreads() const;
+    // Layout of a thread's work floats: a full row in phase layout, a padded
+    // low-resolution row, then the ring of filtered rows.
+    std::size_t phaseRowFloats() const;
+    std::size_t paddedRowFloats() const;
 
     int width;
     int height;

@@ -261,6 +261,41 @@ void convolveUpsampledRow(const float* low, int lowWidth, int step, const float*
     }
 }
 
+void convolveUpsampledPaddedRow(const float* low, int lowWidth, int step, const float* psf,
+                                int taps, int n, float* phasesOut, bool addTotal,
+                                bool skipZeroWeights)
+{
+    // Column m of phase p reads samples m - q, q < tapsHere: inside the
+    // padding when tapsHere <= kRowPad and the phase ends before
+    // lowWidth + kRowPad. Otherwise the row takes the unpadded path.
+    for (int p = 0; p < step && p < n; ++p)
+        if (phaseLength(taps, step, p) > kRowPad ||
+            phaseLength(n, step, p) - 1 >= lowWidth + kRowPad) {
+            convolveUpsampledRow(low, lowWidth, step, psf, taps, n, phasesOut, addTotal,
+                                 skipZeroWeights);
+            return;
+        }
+    float* dst = phasesOut;
+    for (int p = 0; p < step && p < n; ++p) {
+        const int length = phaseLength(n, step, p);
+        const int tapsHere = phaseLength(taps, step, p);
+        const float* src[kMaxKernelTaps] = {};
+        float weight[kMaxKernelTaps] = {};
+        int used = 0;
+        for (int q = 0; q < tapsHere; ++q) {
+            const float w = psf[p + step * q];
+            if (skipZeroWeights && w == 0.0f)
+                continue;
+            src[used] = low - q;
+            weight[used] = w;
+            ++used;
+        }
+        weightedSumChunk(src, weight, used, length, addTotal ? SumMode::AddTotal : SumMode::Assign,
+                         dst);
+        dst += length;
+    }
+}
+
 } // namespace detail
 } // namespace kro
 } // namespace velmor

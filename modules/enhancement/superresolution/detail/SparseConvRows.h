@@ -136,6 +136,17 @@ void convolveUpsampledRow(const float* low, int lowWidth, int step, const float*
                           int n, float* phasesOut, bool addTotal = false,
                           bool skipZeroWeights = false);
 
+// Zero samples that convolveUpsampledPaddedRow needs on each side of a row.
+constexpr int kRowPad = kMaxKernelTaps;
+
+// convolveUpsampledRow for a row whose samples low[-kRowPad .. -1] and
+// low[lowWidth .. lowWidth + kRowPad - 1] are readable zeros: every column
+// then runs through the vectorised kernel. The zero samples add +-0 to sums
+// that are never -0, so for finite PSF weights the result is bit-identical.
+void convolveUpsampledPaddedRow(const float* low, int lowWidth, int step, const float* psf,
+                                int taps, int n, float* phasesOut, bool addTotal,
+                                bool skipZeroWeights);
+
 // The vertical taps of the transpose that reach full row r: taps k (in
 // increasing order) with r - k even and 0 <= (r - k) / 2 < lowHeight.
 // Returns the first such tap (or taps if none) and writes their number.
