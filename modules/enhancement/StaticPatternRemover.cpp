@@ -1,6 +1,7 @@
 #include "StaticPatternRemover.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #ifdef _OPENMP
@@ -82,6 +83,7 @@ struct RowWork {
 };
 
 constexpr int kWorkArrays = 7;
+constexpr std::size_t kLineInts = 16;  // int32 values per 64-byte cache line
 
 struct Settings {
     std::int32_t threshold;
@@ -192,20 +194,22 @@ inline int ompThreadNum()
 #endif
 }
 
-// The part [begin, end) of n items that the calling thread takes in a static
-// schedule (all of them outside a parallel region).
-inline void threadShare(int n, int& begin, int& end)
+inline int ompTeamSize()
 {
 #ifdef _OPENMP
-    const int threads = omp_get_num_threads();
+    return omp_get_num_threads();
 #else
-    const int threads = 1;
+    return 1;
 #endif
-    const int thread = ompThreadNum();
-    const int base = n / threads;
-    const int extra = n % threads;
-    begin = thread * base + std::min(thread, extra);
-    end = begin + base + (thread < extra ? 1 : 0);
+}
+
+// Part `part` of n items cut into `parts` nearly equal contiguous parts.
+inline void partOf(int n, int parts, int part, int& begin, int& end)
+{
+    const int base = n / parts;
+    const int extra = n % parts;
+    begin = part * base + std::min(part, extra);
+    end = begin + base + (part < extra ? 1 : 0);
 }
 
 } // namespace
@@ -271,11 +275,18 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
     // Narrow frames are not worth a second thread.
     const int threads = cols >= kMinColumnsPerThread * 2 ? ompMaxThreads() : 1;
-    // Work space: each thread's columns plus a margin of kReach on each side.
-    const std::size_t perArray = static_cast<std::size_t>(cols) + 2 * kReach * threads;
-    if (mRowScratch.size() < kWorkArrays * perArray)
-        mRowScratch.assign(kWorkArrays * perArray, 0);
-    std::int32_t* const scratch = mRowScratch.data();
+    // Work space: per thread, seven arrays over its columns plus a margin of
+    // kReach on each side, each array rounded up to whole cache lines so
+    // that no two threads write into one line.
+    const std::size_t span = static_cast<std::size_t>((cols + threads - 1) / threads) + 2 * kReach;
+    const std::size_t stride = (span + kLineInts - 1) / kLineInts * kLineInts;
+    const std::size_t perThread = kWorkArrays * stride;
+    if (mRowScratch.size() < perThread * threads + kLineInts)
+        mRowScratch.assign(perThread * threads + kLineInts, 0);
+    // Start at a cache-line boundary.
+    const std::size_t misalignment =
+        reinterpret_cast<std::uintptr_t>(mRowScratch.data()) / sizeof(std::int32_t) % kLineInts;
+    std::int32_t* const scratch = mRowScratch.data() + (kLineInts - misalignment) % kLineInts;
     std::int32_t* const linePattern = mLinePattern[0];
 
     // The columns are split statically among the threads, each of which runs
@@ -285,34 +296,32 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     // a private copy of those margin columns and updates it itself, which
     // needs no exchange with its neighbours and gives exactly the
     // left-to-right result.
-#pragma omp parallel num_threads(threads)
-    {
-        int begin, end;
-        threadShare(cols, begin, end);
-        const int lo = std::max(begin - kReach, 0);
-        const int hi = std::min(end + kReach, cols);
-        const std::size_t offset =
-            static_cast<std::size_t>(begin) + 2 * kReach * static_cast<std::size_t>(ompThreadNum());
-        std::int32_t* base = scratch + offset;
-        const RowWork work{lo,
-                           base,
-                           base + perArray,
-                           base + 2 * perArray,
-                           base + 3 * perArray,
-                           base + 4 * perArray,
-                           base + 5 * perArray,
-                           base + 6 * perArray};
+    const auto workOf = [&](int part, int& begin, int& end, int& lo, int& hi) {
+        partOf(cols, threads, part, begin, end);
+        lo = std::max(begin - kReach, 0);
+        hi = std::min(end + kReach, cols);
+        std::int32_t* base = scratch + perThread * static_cast<std::size_t>(part);
+        return RowWork{lo,
+                       base,
+                       base + stride,
+                       base + 2 * stride,
+                       base + 3 * stride,
+                       base + 4 * stride,
+                       base + 5 * stride,
+                       base + 6 * stride};
+    };
+    // Columns whose neighbourhood needs no clamping: [kReach, cols - kReach).
+    const auto interior = [&](int from, int to, int& midFrom, int& midTo) {
+        midFrom = std::min(std::max(from, kReach), to);
+        midTo = std::max(std::min(to, cols - kReach), midFrom);
+    };
+    const auto runPart = [&](int part) {
+        int begin, end, lo, hi;
+        const RowWork work = workOf(part, begin, end, lo, hi);
         std::copy(linePattern + lo, linePattern + hi, work.line);
-
-        // Columns whose neighbourhood needs no clamping: [kReach, cols - kReach).
-        const auto interior = [&](int from, int to, int& midFrom, int& midTo) {
-            midFrom = std::min(std::max(from, kReach), to);
-            midTo = std::max(std::min(to, cols - kReach), midFrom);
-        };
         int measureFrom, measureTo, correctFrom, correctTo;
         interior(lo, hi, measureFrom, measureTo);
         interior(begin, end, correctFrom, correctTo);
-
         for (int y = 0; y < rows && begin < end; ++y) {
             const short* up = src[std::max(y - 1, 0)];
             const short* mid = src[y];
@@ -335,9 +344,29 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             for (int c = correctTo; c < end; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
         }
-        // Every thread has read its margins of the line pattern: store the own share.
-#pragma omp barrier
+    };
+    const auto storePart = [&](int part) {
+        int begin, end, lo, hi;
+        const RowWork work = workOf(part, begin, end, lo, hi);
         std::copy(work.line + (begin - lo), work.line + (end - lo), linePattern + begin);
+    };
+
+    // The columns are cut into one part per thread, each of which runs
+    // through all the rows on its own. A part needs the line corrections of
+    // up to kReach columns beyond its ends; since a column's line update
+    // depends only on the frame and that column's own value, the part keeps
+    // a private copy of those margin columns and updates it itself, which
+    // needs no exchange with its neighbours and gives exactly the
+    // left-to-right result. (A team smaller than asked for takes several
+    // parts per thread.)
+#pragma omp parallel num_threads(threads)
+    {
+        for (int part = ompThreadNum(); part < threads; part += ompTeamSize())
+            runPart(part);
+        // Every part has read its margins of the line pattern: store the own columns.
+#pragma omp barrier
+        for (int part = ompThreadNum(); part < threads; part += ompTeamSize())
+            storePart(part);
     }
 }
 

@@ -302,6 +302,24 @@ TEST(StaticPatternRemover, SameBytesWithOneToFourThreads)
     }
 }
 
+TEST(StaticPatternRemover, SmallerTeamThanAskedForGivesTheSameBytes)
+{
+    // Inside an active outer parallel region the filter's own region gets
+    // one thread while three are asked for: that thread takes every part.
+    const auto input = makeSequence(Scene::Pattern, 16, 300, 6, 25, 15, 43);
+    krotest::ThreadCount count(3);
+    StaticPatternRemover nested(60, 12, 16);
+    SprModel model(60, 12, 16);
+    for (const auto& frame : input) {
+        cv::Mat_<short> out;
+#pragma omp parallel num_threads(2)
+#pragma omp single
+        nested.process(frame, out);
+        ASSERT_TRUE(krotest::imagesEqual(model.process(frame), out));
+    }
+    EXPECT_TRUE(model.patternsEqual(nested));
+}
+
 TEST(StaticPatternRemover, FirstFrameIsUnchanged)
 {
     const auto input = makeSequence(Scene::Pattern, 20, 30, 1, 20, 20, 9);
