@@ -25,8 +25,9 @@ constexpr short kSaturated = 32767;  // marker of a saturated sample, passed unc
 constexpr int kReach = 4;            // the 1x9 run reaches four columns each side
 constexpr int kMinColumnsPerThread = 64;
 
-// Correction of an accumulator: value >> shift, rounded toward zero for the
-// negative values.
+// Correction of an accumulator: value >> shift, plus one for negative values
+// (about a rounding toward zero; exact multiples of 2^shift below zero come
+// out one above the quotient, as the hardware computes it).
 inline std::int32_t correction(std::int32_t value, int shift) { return (value >> shift) + (value < 0); }
 
 // Bounds an accumulator to the limit in units of 2^shift: from
@@ -69,8 +70,8 @@ inline Spread spreadOf(std::int32_t a0, std::int32_t a1, std::int32_t a2, std::i
     return {sum8, std::max(std::abs(low - mean8), std::abs(high - mean8))};
 }
 
-// The work space of one thread for one row. The arrays cover the columns
-// [base, base + n) and are indexed by column - base.
+// The work space of one part of the columns, reused row after row. The arrays
+// cover the columns [base, base + n) and are indexed by column - base.
 struct RowWork {
     std::int32_t base;
     std::int32_t* line;        // the line pattern of these columns
@@ -275,9 +276,9 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
     // Narrow frames are not worth a second thread.
     const int threads = cols >= kMinColumnsPerThread * 2 ? ompMaxThreads() : 1;
-    // Work space: per thread, seven arrays over its columns plus a margin of
-    // kReach on each side, each array rounded up to whole cache lines so
-    // that no two threads write into one line.
+    // Work space: per part of the columns, seven arrays over its columns plus
+    // a margin of kReach on each side, each array rounded up to whole cache
+    // lines so that no two threads write into one line.
     const std::size_t span = static_cast<std::size_t>((cols + threads - 1) / threads) + 2 * kReach;
     const std::size_t stride = (span + kLineInts - 1) / kLineInts * kLineInts;
     const std::size_t perThread = kWorkArrays * stride;
@@ -289,13 +290,6 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     std::int32_t* const scratch = mRowScratch.data() + (kLineInts - misalignment) % kLineInts;
     std::int32_t* const linePattern = mLinePattern[0];
 
-    // The columns are split statically among the threads, each of which runs
-    // through all the rows on its own. A thread needs the line corrections of
-    // up to kReach columns beyond its share; since a column's line update
-    // depends only on the frame and that column's own value, the thread keeps
-    // a private copy of those margin columns and updates it itself, which
-    // needs no exchange with its neighbours and gives exactly the
-    // left-to-right result.
     const auto workOf = [&](int part, int& begin, int& end, int& lo, int& hi) {
         partOf(cols, threads, part, begin, end);
         lo = std::max(begin - kReach, 0);
