@@ -41,7 +41,7 @@ constexpr std::array<std::int32_t, kTableSize> makeAlphaTable()
 
 constexpr int kAccuMask = 0x3FFFF;        // 18-bit accumulator
 constexpr int kResetDifference = 131071;  // |accu - 4u| above this resets the pixel
-constexpr int kAlphaBand = 205;       // drift of the feedback around its base
+constexpr int kAlphaBand = 205;           // drift of the feedback around its base
 constexpr int kAlphaMax = 2047;
 // Below this many pixels a second thread costs more than it saves.
 constexpr long long kMinPixelsForThreads = 1 << 14;
