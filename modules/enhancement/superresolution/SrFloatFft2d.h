@@ -33,8 +33,8 @@ struct SrFloatFft2dBuffers;
 //    DFT. For an odd width >= 3 the last bin holds (Im R(y, K), 0) and the
 //    real part of that frequency is dropped: deliberately so, the engine's
 //    callers rely on this packing and use even sizes.
-//    Then every column of that array is transformed with the complex
-//    transform of sign -1:  S(y, k) = sum_v R'(v, k) * exp(-2 pi i v y / H).
+//    Then every column of that packed array R' is transformed with the
+//    complex transform of sign -1: S(y, k) = sum_v R'(v, k) exp(-2 pi i v y / H).
 //    For an even width this is the standard unnormalised 2-D DFT.
 //  - backward is the mirror: each column is transformed with sign +1; of
 //    column 0 and column K only the real parts are kept (for an odd width
