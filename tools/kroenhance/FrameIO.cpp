@@ -322,7 +322,7 @@ SampleFormat outputRawFormat(const OutputSpec& output, const InputSpec& input, i
 }
 
 const char* const kFrameIoHelp =
-    "Input (one recording, read frame after frame):\n"
+    "\nInput (one recording, read frame after frame):\n"
     "  --size WxH          frame size of raw streams, e.g. 640x512\n"
     "  --format F          sample format of raw streams: s16, u16, s32 or f32\n"
     "                      (little-endian, row-major, frames concatenated, no header)\n"
