@@ -23,15 +23,16 @@ constexpr float kDefaultRegError = 0.0001f;
 constexpr int kMinFrameSize = 2 * kDefaultGaussRadius + 2;
 
 // The flow step is solved only when det = A C - B^2 of the gradient tensor is
-// above this fraction of A C: below it the gradients of the overlap are
-// (nearly) all parallel or zero, the sub-pixel shift is not determined and
-// the frame is left unregistered (mask all 0) instead of returning a
-// made-up or non-finite shift.
+// above this fraction of (A + C)^2, i.e. its smaller eigenvalue above about
+// this fraction of the larger: otherwise the gradients are (nearly) all
+// parallel or zero (the aperture problem), the sub-pixel shift is not
+// determined and the frame is left unregistered (integer shift, mask all 0)
+// instead of getting a made-up or non-finite shift.
 constexpr double kMinRelativeDeterminant = 1e-6;
 
 // Elementary operations per element of the passes, for threadsForWork.
 constexpr std::size_t kWorkPerBlurBin = 6;
-constexpr std::size_t kWorkPerProductBin = 24;
+constexpr std::size_t kWorkPerProductBin = 12;
 constexpr std::size_t kWorkPerGradientPixel = 10;
 constexpr std::size_t kWorkPerFlowPixel = 24;
 
@@ -76,6 +77,20 @@ void overlapRange(int shift, int n, int& begin, int& end)
     end = std::max(begin, std::min(n, n - shift));
 }
 
+// The part [flowBegin, flowEnd) of the overlap [begin, end) along an axis
+// of n pixels where neither blurred image is limited by its border (the
+// first and last `radius` pixels), or the whole overlap for a zero shift.
+void flowRange(int shift, int n, int radius, int begin, int end, int& flowBegin, int& flowEnd)
+{
+    if (shift == 0) {
+        flowBegin = begin;
+        flowEnd = end;
+        return;
+    }
+    flowBegin = std::max(begin, std::max(radius, radius - shift));
+    flowEnd = std::max(flowBegin, std::min(end, std::min(n - radius, n - radius - shift)));
+}
+
 // The same for a shift rounded half up, as shiftFrame rounds it (the same
 // float expression, so both agree on every value).
 void roundedOverlapRange(float shift, int n, int& begin, int& end)
@@ -86,6 +101,60 @@ void roundedOverlapRange(float shift, int n, int& begin, int& end)
         return;
     }
     overlapRange(static_cast<int>(rounded), n, begin, end);
+}
+
+// Double sums over [begin, end) of float products, in kLanes interleaved
+// partial sums that are added in a fixed order at the end: the same bits
+// for any thread count, without the latency of one long dependency chain.
+constexpr int kLanes = 4;
+
+double laneTotal(const double* lanes)
+{
+    return (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+}
+
+// sum of a * a, a * b and b * b.
+void tensorSums(const float* a, const float* b, int begin, int end, double& aa, double& ab, double& bb)
+{
+    double saa[kLanes] = {}, sab[kLanes] = {}, sbb[kLanes] = {};
+    int x = begin;
+    for (; x + kLanes <= end; x += kLanes) {
+        for (int k = 0; k < kLanes; ++k) {
+            saa[k] += a[x + k] * a[x + k];
+            sab[k] += a[x + k] * b[x + k];
+            sbb[k] += b[x + k] * b[x + k];
+        }
+    }
+    for (int k = 0; x < end; ++x, ++k) {
+        saa[k] += a[x] * a[x];
+        sab[k] += a[x] * b[x];
+        sbb[k] += b[x] * b[x];
+    }
+    aa += laneTotal(saa);
+    ab += laneTotal(sab);
+    bb += laneTotal(sbb);
+}
+
+// sum of gx * (current - reference) and gy * (current - reference).
+void flowSums(const float* gx, const float* gy, const float* current, const float* reference, int begin,
+              int end, double& bx, double& by)
+{
+    double sx[kLanes] = {}, sy[kLanes] = {};
+    int x = begin;
+    for (; x + kLanes <= end; x += kLanes) {
+        for (int k = 0; k < kLanes; ++k) {
+            const float d = current[x + k] - reference[x + k];
+            sx[k] += gx[x + k] * d;
+            sy[k] += gy[x + k] * d;
+        }
+    }
+    for (int k = 0; x < end; ++x, ++k) {
+        const float d = current[x] - reference[x];
+        sx[k] += gx[x] * d;
+        sy[k] += gy[x] * d;
+    }
+    bx = laneTotal(sx);
+    by = laneTotal(sy);
 }
 
 // Rows [0, rows) shared among `threads` threads in fixed blocks.
@@ -130,8 +199,11 @@ SrFloatRegistration1::SrFloatRegistration1(int width_, int height_, int windowSi
       rowPeakIndex(static_cast<std::size_t>(height_))
 {
     spectra.reserve(static_cast<std::size_t>(windowSize));
-    for (int i = 0; i < windowSize; ++i)
+    inverseMagnitudes.reserve(static_cast<std::size_t>(windowSize));
+    for (int i = 0; i < windowSize; ++i) {
         spectra.push_back(newSpectrum(width, height));
+        inverseMagnitudes.push_back(cv::Mat(height, width / 2 + 1, CV_32F, cv::Scalar::all(0)));
+    }
     completeShifts.reserve(static_cast<std::size_t>(windowSize));
     fft.gaussFft(gaussRadius, gaussSigma(gaussRadius), complexData(gaussSpectrum), kernel.data());
 }
@@ -170,6 +242,9 @@ SrFloatRegistration1::SrFloatRegistration1(const SrFloatRegistration1& other)
     spectra.reserve(other.spectra.size());
     for (const cv::Mat& s : other.spectra)
         spectra.push_back(s.clone());
+    inverseMagnitudes.reserve(other.inverseMagnitudes.size());
+    for (const cv::Mat& m : other.inverseMagnitudes)
+        inverseMagnitudes.push_back(m.clone());
     completeShifts.reserve(static_cast<std::size_t>(windowSize));
 }
 
@@ -205,17 +280,34 @@ float (*SrFloatRegistration1::spectrum(int position))[2]
     return complexData(spectra[static_cast<std::size_t>(position)]);
 }
 
+const float* SrFloatRegistration1::inverseMagnitude(int position) const
+{
+    return inverseMagnitudes[static_cast<std::size_t>(position)].ptr<float>();
+}
+
 void SrFloatRegistration1::prepareFrame(float* frame)
 {
     if (!frame)
         KRO_THROW("null frame");
     // The spectra rotate with the driver's frames: the oldest buffer is
     // reused for the newest frame.
-    if (framesPrepared == windowSize)
+    if (framesPrepared == windowSize) {
         std::rotate(spectra.begin(), spectra.begin() + 1, spectra.end());
-    else
+        std::rotate(inverseMagnitudes.begin(), inverseMagnitudes.begin() + 1, inverseMagnitudes.end());
+    } else {
         ++framesPrepared;
-    fft.forward(frame, spectrum(framesPrepared - 1));
+    }
+    const int position = framesPrepared - 1;
+    fft.forward(frame, spectrum(position));
+    const float(*values)[2] = spectrum(position);
+    float* inverse = inverseMagnitudes[static_cast<std::size_t>(position)].ptr<float>();
+    for (int b = 0; b < spectrumSize; ++b) {
+        // A bin of magnitude 0 carries no phase; its 0 makes it add nothing
+        // to the correlation (rather than 0/0, which would spoil the whole
+        // surface).
+        const float magnitude = std::sqrt(values[b][0] * values[b][0] + values[b][1] * values[b][1]);
+        inverse[b] = magnitude > 0.0f ? 1.0f / magnitude : 0.0f;
+    }
 }
 
 int SrFloatRegistration1::doRegistration(int count, int refPos, float** frames, PointF* shifts,
@@ -319,11 +411,7 @@ void SrFloatRegistration1::initialize(char** /*masks*/, int /*count*/)
         gx[w - 1] = row[w - 1] - row[w - 2];
 
         double xx = 0.0, xy = 0.0, yy = 0.0;
-        for (int x = 0; x < w; ++x) {
-            xx += gx[x] * gx[x];
-            xy += gx[x] * gy[x];
-            yy += gy[x] * gy[x];
-        }
+        tensorSums(gx, gy, 0, w, xx, xy, yy);
         double* sums = &rowTensor[3 * static_cast<std::size_t>(y)];
         sums[0] = xx;
         sums[1] = xy;
@@ -347,26 +435,26 @@ void SrFloatRegistration1::spectralProducts(int refPos, int framePos)
     const float(*gauss)[2] = complexData(gaussSpectrum);
     float(*cross)[2] = complexData(crossSpectrum);
     float(*blurred)[2] = complexData(blurredSpectrum);
+    const float* inverseReference = inverseMagnitude(refPos);
+    const float* inverseCurrent = inverseMagnitude(framePos);
     const int bins = width / 2 + 1;
     const int threads = detail::threadsForWork(static_cast<std::size_t>(spectrumSize) * kWorkPerProductBin,
                                                detail::ompMaxThreads());
     forEachRow(height, threads, [&](int y) {
         for (int b = y * bins; b < (y + 1) * bins; ++b) {
-            const float rr = reference[b][0], ri = reference[b][1];
             const float cr = current[b][0], ci = current[b][1];
+            // Both spectra normalised to unit magnitude, factor by factor
+            // (|R|^2 |C|^2 would overflow float for the DC bin of large
+            // frames of raw counts).
+            const float rr = reference[b][0] * inverseReference[b];
+            const float ri = reference[b][1] * inverseReference[b];
+            const float nr = cr * inverseCurrent[b];
+            const float ni = ci * inverseCurrent[b];
             // The frame's spectrum times the conjugate of the reference's:
             // for frame = reference moved by d the correlation then peaks at
             // +d, the engine's sign (the reverse product peaks at -d).
-            const float re = cr * rr + ci * ri;
-            const float im = ci * rr - cr * ri;
-            // |R| |C| as a product of two roots: |R|^2 |C|^2 overflows float
-            // for the DC bin of large frames of raw counts. A bin where
-            // either spectrum vanishes carries no phase and adds nothing
-            // (rather than 0/0, which would spoil the whole surface).
-            const float magnitude = std::sqrt(rr * rr + ri * ri) * std::sqrt(cr * cr + ci * ci);
-            const float scale = magnitude > 0.0f ? 1.0f / magnitude : 0.0f;
-            cross[b][0] = re * scale;
-            cross[b][1] = im * scale;
+            cross[b][0] = nr * rr + ni * ri;
+            cross[b][1] = ni * rr - nr * ri;
             blurred[b][0] = cr * gauss[b][0] - ci * gauss[b][1];
             blurred[b][1] = cr * gauss[b][1] + ci * gauss[b][0];
         }
@@ -441,13 +529,23 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
     int x0, x1, y0, y1;
     overlapRange(dx, w, x0, x1);
     overlapRange(dy, h, y0, y1);
+    // The flow is solved on the part of the overlap where the two blurred
+    // images are alike: near a frame's border its blur is limited to the
+    // frame's own pixels, which moves it towards the inside; where only one
+    // of the two is so limited (a non-zero shift along that axis), the
+    // difference shows a false motion that would bias the step by up to a
+    // tenth of a pixel on smooth shading. With a zero shift along an axis
+    // both are limited alike and the whole extent is used.
+    int fx0, fx1, fy0, fy1;
+    flowRange(dx, w, gaussRadius, x0, x1, fx0, fx1);
+    flowRange(dy, h, gaussRadius, y0, y1, fy0, fy1);
 
-    // Per overlap row: b = (sum gx d, sum gy d) with d = current(x + D) -
-    // reference(x), and the tensor of the columns outside the overlap.
+    // Per flow row: b = (sum gx d, sum gy d) with d = current(x + D) -
+    // reference(x), and the tensor of the columns outside the flow region.
 #pragma omp for schedule(static)
     for (int y = 0; y < h; ++y) {
         double* sums = &rowFlow[5 * static_cast<std::size_t>(y)];
-        if (y < y0 || y >= y1) {
+        if (y < fy0 || y >= fy1) {
             std::fill(sums, sums + 5, 0.0);
             continue;
         }
@@ -455,23 +553,11 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
         const float* current = blurredCurrent[y + dy] + dx;
         const float* gx = gradX[y];
         const float* gy = gradY[y];
-        double bx = 0.0, by = 0.0;
-        for (int x = x0; x < x1; ++x) {
-            const float d = current[x] - reference[x];
-            bx += gx[x] * d;
-            by += gy[x] * d;
-        }
+        double bx, by;
+        flowSums(gx, gy, current, reference, fx0, fx1, bx, by);
         double xx = 0.0, xy = 0.0, yy = 0.0;
-        for (int x = 0; x < x0; ++x) {
-            xx += gx[x] * gx[x];
-            xy += gx[x] * gy[x];
-            yy += gy[x] * gy[x];
-        }
-        for (int x = x1; x < w; ++x) {
-            xx += gx[x] * gx[x];
-            xy += gx[x] * gy[x];
-            yy += gy[x] * gy[x];
-        }
+        tensorSums(gx, gy, 0, fx0, xx, xy, yy);
+        tensorSums(gx, gy, fx1, w, xx, xy, yy);
         sums[0] = bx;
         sums[1] = by;
         sums[2] = xx;
@@ -479,13 +565,13 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
         sums[4] = yy;
     }
 
-    // Tensor of the overlap = whole-image tensor minus the excluded rows and
-    // columns; every thread combines the rows in the same order.
+    // Tensor of the flow region = whole-image tensor minus the excluded rows
+    // and columns; every thread combines the rows in the same order.
     double a = tensorXX, b = tensorXY, c = tensorYY;
     double bx = 0.0, by = 0.0;
     for (int y = 0; y < h; ++y) {
         const std::size_t row = static_cast<std::size_t>(y);
-        if (y < y0 || y >= y1) {
+        if (y < fy0 || y >= fy1) {
             a -= rowTensor[3 * row];
             b -= rowTensor[3 * row + 1];
             c -= rowTensor[3 * row + 2];
@@ -504,7 +590,8 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
     const double det = a * c - b * b;
     const double u = (b * by - c * bx) / det;
     const double v = (b * bx - a * by) / det;
-    const bool solved = det > kMinRelativeDeterminant * a * c && std::isfinite(u) && std::isfinite(v);
+    const bool solved =
+        det > kMinRelativeDeterminant * (a + c) * (a + c) && std::isfinite(u) && std::isfinite(v);
 
     PointF result(static_cast<float>(dx), static_cast<float>(dy));
     int cx0 = 0, cx1 = 0, cy0 = 0, cy1 = 0;

@@ -138,8 +138,9 @@ private:
 
     void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
     void shiftFrame(float* frame, PointF& shift, float* out);
-    // Ring position -> spectrum.
+    // Ring position -> spectrum, and its inverse magnitudes.
     float (*spectrum(int position))[2];
+    const float* inverseMagnitude(int position) const;
 
     // Peak index (row-major) of the correlation surface -> signed shift:
     // rows above height / 2 and columns above width / 2 wrap to negative.
@@ -158,6 +159,10 @@ private:
     // windowSize spectra (height x (width / 2 + 1) complex, CV_32FC2), in
     // ring order: spectra[0] is the oldest.
     std::vector<cv::Mat> spectra;
+    // For each spectrum, 1 / |value| per bin (0 where the value is 0), for
+    // the phase correlation; made once per frame by prepareFrame rather than
+    // in every registration the frame takes part in.
+    std::vector<cv::Mat> inverseMagnitudes;
     SrFloatFft2d fft;
     cv::Mat gaussSpectrum;
     cv::Mat crossSpectrum;
