@@ -26,9 +26,10 @@ namespace {
 namespace fs = std::filesystem;
 
 const cv::Size kSize(160, 128);
-const int kFrames = 4;
+const int kFrames = 10;
 
-std::string dataFile() { return std::string(KROLIB_SOURCE_DIR) + "/tests/data/fieldscale_crop_160x128x4_u16.raw"; }
+// Ten frames of a real 16-bit LWIR driving sequence, with column pattern.
+std::string dataFile() { return std::string(KROLIB_SOURCE_DIR) + "/data/thermal/drive_crop_160x128x10_u16.raw"; }
 
 // Runs kroenhance with `args`; returns its exit status.
 int kroenhance(const std::string& args)
@@ -157,7 +158,7 @@ TEST(FilterCommands, SignedStreamsAndImageFilesGiveTheSameSamples)
     ASSERT_EQ(kroenhance("spr --size 160x128 --format s16 " + dir.file("in_s16.raw") + " -o " + dir.file("s.raw")), 0);
     velmor::kro::StaticPatternRemover filter(22, 12, 16);
     const auto expected = readRaw<short>(dir.file("s.raw"), kSize);
-    ASSERT_EQ(expected.size(), 4u);
+    ASSERT_EQ(expected.size(), static_cast<std::size_t>(kFrames));
     for (int i = 0; i < kFrames; ++i) {
         cv::Mat_<short> out;
         filter.process(signedFrames[i], out);
@@ -168,7 +169,7 @@ TEST(FilterCommands, SignedStreamsAndImageFilesGiveTheSameSamples)
     const auto frames = recording();
     std::string inputs;
     for (int i = 0; i < kFrames; ++i) {
-        const std::string name = dir.file("in_" + std::to_string(i) + ".png");
+        const std::string name = dir.file("in_" + std::to_string(10 + i) + ".png");
         ASSERT_TRUE(cv::imwrite(name, frames[i]));
         inputs += name + " ";
     }
@@ -176,7 +177,7 @@ TEST(FilterCommands, SignedStreamsAndImageFilesGiveTheSameSamples)
     ASSERT_EQ(kroenhance("tnr " + kRawInput + dataFile() + " -o " + dir.file("t.raw")), 0);
     const auto viaRaw = readRaw<unsigned short>(dir.file("t.raw"), kSize);
     for (int i = 0; i < kFrames; ++i)
-        EXPECT_IMAGES_EQUAL(viaRaw[i], cv::imread(dir.file("out_0" + std::to_string(i) + ".png"), cv::IMREAD_UNCHANGED))
+        EXPECT_IMAGES_EQUAL(viaRaw[i], cv::imread(dir.file(cv::format("out_%02d.png", i)), cv::IMREAD_UNCHANGED))
             << "frame " << i;
 }
 
@@ -263,7 +264,7 @@ TEST(FilterCommands, FailedRunsLeaveNoFiles)
     EXPECT_EQ(kroenhance("snr " + kRawInput + dir.file("missing.raw") + " -o " + dir.file("b.raw")), 1);
     EXPECT_EQ(kroenhance("spr --threshold 101 " + kRawInput + dataFile() + " -o " + dir.file("c.raw")), 2);
     EXPECT_EQ(kroenhance("cluster " + kRawInput + dataFile() + " -o " + dir.file("one.png")), 1)
-        << "four frames do not fit one PNG";
+        << "ten frames do not fit one PNG";
     std::vector<std::string> left;
     for (const auto& entry : fs::directory_iterator(dir.path()))
         left.push_back(entry.path().filename().string());

@@ -4,7 +4,7 @@
 set -u
 tool=$1
 source_dir=$2
-data="$source_dir/tests/data/fieldscale_crop_160x128x4_u16.raw"
+data="$source_dir/data/thermal/drive_crop_160x128x10_u16.raw"
 raw="--size 160x128 --format u16"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -66,7 +66,7 @@ leftovers=$(ls -A "$work" | grep -v '^fake.png$')
 # A run that succeeds writes the output and says nothing on a non-terminal.
 err=$("$tool" spr $raw "$data" -o "$work/ok.raw" 2>&1 >/dev/null) || fail "spr failed: $err"
 [ -z "$err" ] || fail "spr printed '$err' to a non-terminal"
-[ "$(stat -c %s "$work/ok.raw")" -eq 163840 ] || fail "spr output has the wrong size"
+[ "$(stat -c %s "$work/ok.raw")" -eq 409600 ] || fail "spr output has the wrong size"
 cmp -s "$data" "$work/ok.raw" && fail "spr output equals its input"
 
 # A failed run does not touch an existing output.
