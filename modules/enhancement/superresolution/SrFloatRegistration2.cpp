@@ -72,14 +72,16 @@ std::vector<cv::Mat> cloneMats(const std::vector<cv::Mat>& in)
     return out;
 }
 
-// floor(v + 0.5) as shiftFrame computes it, clamped far outside the frame so
-// that a wild value cannot overflow the conversion.
-int roundShift(float v, int limit)
+// floor(v + 0.5), clamped to +-limit (chosen far outside the frame) so that
+// a wild value cannot overflow the conversion. The float form rounds exactly
+// as shiftFrame does (the sum in float).
+template <class T>
+int roundShift(T v, int limit)
 {
-    const float r = std::floor(v + 0.5f);
-    if (!(r > -static_cast<float>(limit)))
+    const T r = std::floor(v + static_cast<T>(0.5));
+    if (!(r > -static_cast<T>(limit)))
         return -limit;
-    if (!(r < static_cast<float>(limit)))
+    if (!(r < static_cast<T>(limit)))
         return limit;
     return static_cast<int>(r);
 }
@@ -187,6 +189,9 @@ void SrFloatRegistration2::prepareFrame(float* frame)
 {
     if (frame == nullptr)
         KRO_THROW("null frame passed to prepareFrame");
+    // Checked before the ring moves, so a refused frame changes nothing.
+    if (blurRadius < 0)
+        KRO_THROW("invalid blur radius " << blurRadius);
 
     // Same ring discipline as the caller's frames: once full, the oldest
     // entry moves to the last place and is overwritten, so index i keeps
@@ -319,7 +324,8 @@ int SrFloatRegistration2::registerWithCorners(unsigned refIndex, unsigned frame,
     // themselves are the best estimate.
     const double meanX = inliers > 0 ? sumX / inliers : medianX;
     const double meanY = inliers > 0 ? sumY / inliers : medianY;
-    shift = PointI(static_cast<int>(std::floor(meanX + 0.5)), static_cast<int>(std::floor(meanY + 0.5)));
+    const int limit = 2 * std::max(width, height) + 2;
+    shift = PointI(roundShift(meanX, limit), roundShift(meanY, limit));
     return 0;
 }
 

@@ -42,10 +42,14 @@ namespace kro {
 // (reference) and F (frame cut to the integer shift), the residual left after
 // the step at pixel p is e(p) = (F(p) - R(p) + gx(p) rx + gy(p) ry)^2 / (Sxx +
 // Syy), where gx, gy are the central-difference gradients of R and Sxx + Syy
-// their energy summed over the shared area. The normalisation makes e
-// independent of the intensity scale of the camera; e is averaged over a
-// (2 regErrBlurRadius + 1)^2 window and a pixel is kept when the mean is
-// below regError (default 0.0001).
+// their energy summed over the N pixels of the shared area. The normalisation
+// makes e independent of the intensity scale of the camera. e is averaged
+// over a (2 regErrBlurRadius + 1)^2 window and a pixel is kept when the mean
+// is below regError (default 0.0001). Per pixel this keeps residuals below
+// sqrt(regError * N) times the RMS gradient of the reference: about 1.4 at
+// 160x120 and 5.7 at 640x512 with the default, so noise and sub-pixel
+// interpolation pass while occlusions, moving objects and border effects are
+// dropped.
 //
 // Errors: velmor::kro::Exception for bad arguments and for a displacement
 // of half the frame height or more ("Too large displacement");
