@@ -135,21 +135,21 @@ void tensorSums(const float* a, const float* b, int begin, int end, double& aa, 
     bb += laneTotal(sbb);
 }
 
-// sum of gx * (current - reference) and gy * (current - reference).
-void flowSums(const float* gx, const float* gy, const float* current, const float* reference, int begin,
-              int end, double& bx, double& by)
+// sum of gx * d and gy * d with d = current[x + offset] - reference[x].
+void flowSums(const float* gx, const float* gy, const float* current, int offset, const float* reference,
+              int begin, int end, double& bx, double& by)
 {
     double sx[kLanes] = {}, sy[kLanes] = {};
     int x = begin;
     for (; x + kLanes <= end; x += kLanes) {
         for (int k = 0; k < kLanes; ++k) {
-            const float d = current[x + k] - reference[x + k];
+            const float d = current[x + k + offset] - reference[x + k];
             sx[k] += gx[x + k] * d;
             sy[k] += gy[x + k] * d;
         }
     }
     for (int k = 0; x < end; ++x, ++k) {
-        const float d = current[x] - reference[x];
+        const float d = current[x + offset] - reference[x];
         sx[k] += gx[x] * d;
         sy[k] += gy[x] * d;
     }
@@ -320,9 +320,12 @@ int SrFloatRegistration1::doRegistration(int count, int refPos, float** frames, 
         KRO_THROW("invalid reference position " << refPos << " for " << count << " frames");
     if (!frames || !shifts || !masks || !workFrames)
         KRO_THROW("null frame, shift, mask or work frame list");
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) {
         if (!frames[i] || !masks[i] || !workFrames[i])
             KRO_THROW("null frame, mask or work frame " << i);
+        if (frames[i] == workFrames[i])
+            KRO_THROW("work frame " << i << " is the frame itself");
+    }
 
     registerFrames(count, refPos, frames, shifts, masks);
 
@@ -365,7 +368,9 @@ void SrFloatRegistration1::registerFrames(int count, int refPos, float** frames,
     fft.backward(complexData(blurredSpectrum), blurredReference.ptr<float>());
     fft.repairGaussBlur(frames[refPos], blurredReference.ptr<float>(), gaussRadius, kernel.data());
 
-    initialize(masks, count);
+    initialize();
+    // Every mask is written whole below (the reference's all ones, the
+    // others by their flow step), so none is cleared beforehand.
 
     completeShifts.resize(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
@@ -384,10 +389,8 @@ void SrFloatRegistration1::registerFrames(int count, int refPos, float** frames,
         completeShifts[static_cast<std::size_t>(i)] = shifts[i];
 }
 
-void SrFloatRegistration1::initialize(char** /*masks*/, int /*count*/)
+void SrFloatRegistration1::initialize()
 {
-    // Every mask is written whole later (the reference's all ones, the
-    // others by their flow step), so none is cleared here.
     const int w = width;
     const int h = height;
     const int threads = detail::threadsForWork(static_cast<std::size_t>(inputSize) * kWorkPerGradientPixel,
@@ -550,11 +553,11 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
             continue;
         }
         const float* reference = blurredReference[y];
-        const float* current = blurredCurrent[y + dy] + dx;
+        const float* current = blurredCurrent[y + dy];
         const float* gx = gradX[y];
         const float* gy = gradY[y];
         double bx, by;
-        flowSums(gx, gy, current, reference, fx0, fx1, bx, by);
+        flowSums(gx, gy, current, dx, reference, fx0, fx1, bx, by);
         double xx = 0.0, xy = 0.0, yy = 0.0;
         tensorSums(gx, gy, 0, fx0, xx, xy, yy);
         tensorSums(gx, gy, fx1, w, xx, xy, yy);
@@ -605,12 +608,12 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
 #pragma omp for schedule(static)
         for (int y = y0; y < y1; ++y) {
             const float* reference = blurredReference[y];
-            const float* current = blurredCurrent[y + dy] + dx;
+            const float* current = blurredCurrent[y + dy];
             const float* gx = gradX[y];
             const float* gy = gradY[y];
             float* e = errorImage[y];
             for (int x = x0; x < x1; ++x) {
-                const float r = gx[x] * uf + gy[x] * vf + (current[x] - reference[x]);
+                const float r = gx[x] * uf + gy[x] * vf + (current[x + dx] - reference[x]);
                 e[x] = r * r * invEnergy;
             }
         }

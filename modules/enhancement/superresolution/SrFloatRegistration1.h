@@ -18,13 +18,25 @@ namespace kro {
 // For every held frame it finds the displacement against a reference frame,
 // builds a validity mask and writes the frame cut to the integer part of its
 // displacement, which is what the minimiser consumes:
-//  1. integer shift: the peak of the phase correlation of the frame's and the
-//     reference's spectra;
+//  1. integer shift D: the peak of the phase correlation of the frame's and
+//     the reference's spectra (rows past height / 2 and columns past
+//     width / 2 wrap to negative shifts);
 //  2. sub-pixel remainder: one least-squares optical-flow step between the
-//     Gaussian-blurred frame (displaced by the integer shift) and the blurred
-//     reference, over the region where the two overlap;
-//  3. mask: 1 where the locally averaged residual of that flow model is below
-//     the registration error `regError`, 0 elsewhere.
+//     Gaussian-blurred frame (displaced by D) and the blurred reference,
+//     with central-difference gradients of the blurred reference, over the
+//     part of their overlap where the two blurs are alike (along an axis with
+//     a non-zero shift, the bands where either blur is cut short by the
+//     frame border are left out);
+//  3. mask: the flow residual per pixel, e = (gx u + gy v + d)^2 / (A + C)
+//     (A + C: the gradient energy of the flow region), averaged by a mean
+//     filter of radius regErrBlurRadius over the overlap; 1 where that mean
+//     is below `regError`, 0 elsewhere. The division by the gradient energy
+//     makes the threshold independent of the intensity scale (raw counts or
+//     normalised values); the default 1e-4 keeps pixels whose local rms
+//     residual is below about sqrt(1e-4 N) times the rms gradient (N pixels:
+//     1.4 at 160x120, 5.7 at 640x512), i.e. drops only what the shifted
+//     reference does not explain (moving or occluded parts), while a well
+//     registered frame keeps well over 95 % of its pixels.
 //
 // Sign convention (the whole engine uses it): a frame whose content is the
 // reference moved by d, frame(x, y) = reference(x - d.x, y - d.y), gets the
@@ -37,7 +49,11 @@ namespace kro {
 // Masks: one signed byte per pixel, in the coordinates of the work frame (the
 // reference grid): 1 where the pixel is used, 0 where it is dropped. Pixels
 // that the cut leaves without data (including those that run on into the
-// neighbouring row) are always 0. The reference's mask is all ones.
+// neighbouring row) and pixels outside the overlap for D are always 0. The
+// reference's mask is all ones. A frame whose gradients do not determine a
+// sub-pixel step (no structure, or structure in one direction only) keeps
+// its integer shift and gets a mask of zeros, which the driver reports as a
+// poorly covered frame.
 //
 // Frame ring: the driver calls prepareFrame for every new frame; the
 // registration keeps the spectra of the last `windowSize` frames, oldest
@@ -47,8 +63,8 @@ namespace kro {
 // Sizes: width must be even (the packed real spectrum is exact only for even
 // widths), width and height at least 12 (twice the Gaussian radius plus 2).
 // Every buffer is allocated by the constructor (setGaussRadius reallocates
-// the small kernel); registration itself allocates only inside the shared
-// mean filter.
+// the small kernel); a registration allocates only inside the shared mean
+// filter.
 //
 // Threads: the per-pixel passes run as OpenMP loops in fixed row blocks,
 // small images on the calling thread; sums are accumulated in double per row
@@ -116,9 +132,9 @@ public:
 private:
     friend class SrFloatRegistration1Peer;
 
-    // Masks of the reference, gradients of the blurred reference and their
-    // tensor (per row and in total).
-    void initialize(char** masks, int count);
+    // Gradients of the blurred reference and their tensor (per row and in
+    // total).
+    void initialize();
     // Fills crossSpectrum (phase correlation) and blurredSpectrum (Gaussian
     // blur) from the spectra at ring positions refPos and framePos.
     void spectralProducts(int refPos, int framePos);

@@ -535,8 +535,13 @@ TEST(SrFloatRegistration1, RejectsBadArguments)
     EXPECT_THROW(reg.doRegistration(2, 2, f, r.shifts.data(), m, w), Exception);
     EXPECT_THROW(reg.doRegistration(2, 0, nullptr, r.shifts.data(), m, w), Exception);
     EXPECT_THROW(reg.doRegistration(2, 0, f, nullptr, m, w), Exception);
+    b.workPtrs[1] = b.framePtrs[1];  // cutting in place would overwrite its own source
+    EXPECT_THROW(reg.doRegistration(2, 0, f, r.shifts.data(), m, w), Exception);
+    b.workPtrs[1] = r.work[1].ptr<float>();
     b.maskPtrs[1] = nullptr;
     EXPECT_THROW(reg.doRegistration(2, 0, f, r.shifts.data(), m, w), Exception);
+    b.maskPtrs[1] = r.masks[1].data();
+    EXPECT_EQ(0, reg.doRegistration(2, 0, f, r.shifts.data(), m, w));
 }
 
 } // namespace
