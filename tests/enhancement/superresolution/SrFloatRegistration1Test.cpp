@@ -165,20 +165,6 @@ TEST(SrFloatRegistration1, RecoversKnownShiftsToATwentiethOfAPixel)
     }
 }
 
-TEST(SrFloatRegistration1, ReferenceNeedNotBeTheFirstFrame)
-{
-    const std::vector<PointF> truth = {{1.3f, -0.6f}, {-2.2f, 0.9f}, {0.4f, 3.1f}};
-    std::vector<cv::Mat_<float>> frames = framesOf(fineScene(160, 120), truth);
-    SrFloatRegistration1 reg(160, 120, 3);
-    const Registered r = prepareAndRegister(reg, frames, 1);
-    for (size_t i = 0; i < truth.size(); ++i) {
-        EXPECT_NEAR(truth[i].x - truth[1].x, r.complete[i].x, 0.05) << i;
-        EXPECT_NEAR(truth[i].y - truth[1].y, r.complete[i].y, 0.05) << i;
-    }
-    EXPECT_EQ(0.0f, r.complete[1].x);
-    EXPECT_EQ(0.0f, r.complete[1].y);
-}
-
 // A smooth random texture that is periodic in the frame, moved by exactly
 // `d` (frame(x) = texture(x - d)) through the phase of its spectrum.
 cv::Mat_<float> periodicTexture(int width, int height, PointF d)
