@@ -177,6 +177,9 @@ int SuperResolution_release(int handle)
 
 int SuperResolution_getErrorMessage(char* buffer, unsigned int size)
 {
+    // Nothing to copy into: done (strncpy itself must not see a null buffer).
+    if (buffer == nullptr || size == 0)
+        return 0;
     std::strncpy(buffer, lastError().c_str(), size);
     return 0;
 }

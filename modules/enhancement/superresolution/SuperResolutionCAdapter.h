@@ -58,7 +58,8 @@ KROLIB_EXPORT int SuperResolution_release(int handle);
 
 /* Copies the text of the last failure into buffer, like strncpy: at most
  * size bytes, with no terminating zero when the text is size bytes or
- * longer, padded with zeros when shorter. Returns 0. */
+ * longer, padded with zeros when shorter. A NULL buffer or size 0 copies
+ * nothing. Returns 0. */
 KROLIB_EXPORT int SuperResolution_getErrorMessage(char* buffer, unsigned int size);
 
 /* Writes the output size (2 * width, 2 * height) through outWidth and
