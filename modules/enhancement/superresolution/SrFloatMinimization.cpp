@@ -81,8 +81,13 @@ double laneSum(int n, Term term)
     for (; j + kLanes <= n; j += kLanes)
         for (int k = 0; k < kLanes; ++k)
             lane[k] += term(j + k);
-    for (int k = 0; j < n; ++j, ++k)
-        lane[k] += term(j);
+    // The tail as one more block padded with zeros (adding +0 leaves a
+    // lane unchanged), which keeps the lanes in registers.
+    double tail[kLanes] = {};
+    for (int k = 0; j + k < n; ++k)
+        tail[k] = term(j + k);
+    for (int k = 0; k < kLanes; ++k)
+        lane[k] += tail[k];
     for (int width = kLanes / 2; width > 0; width /= 2)
         for (int k = 0; k < width; ++k)
             lane[k] += lane[k + width];
@@ -212,8 +217,8 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
       convolution(fineSize(width_, factor_), fineSize(height_, factor_), psfSize, psfSize,
                   factor_),
       step(convolution.getStep()), negInvWeightTV(0.0f), epsilon(0.0f), invEpsilon(0.0f),
-      rr(0.0f), invNormB2(0.0f), refMean(0.0), mean(0.0f), sigma(1.0f), totalIterations(0), threadCapacity(1),
-      threadWorkStride(0)
+      rr(0.0f), invNormB2(0.0f), refMean(0.0), mean(0.0f), sigma(1.0f), totalIterations(0),
+      threadCapacity(1), threadWorkStride(0)
 {
     if (nFrames < 1)
         KRO_THROW("invalid number of frames " << nFrames);

@@ -191,6 +191,10 @@ private:
     // already multiplied by their masks.
     std::vector<float> lowBuffer;
 
+    // Full-grid arrays (fullSize floats each). There is no per-frame
+    // back-projection buffer and no centre-weight array: the fused row
+    // passes add each frame's back-projection straight into the output row
+    // and form the centre weight where they use it.
     std::vector<float> B;  // right-hand side: back-projection of the frames
     std::vector<float> U;  // the estimate
     std::vector<float> Lr, Ld, Ldl, Ldr;  // TV weights: right, down, down-left, down-right
