@@ -122,11 +122,15 @@ float SrFloat<Registration>::computeSR(float* out)
         KRO_THROW("no frame added before the reconstruction");
     const int maxCount = processWideMaxCount(magnification);
     refreshPointers();
+    lastRegistrationMs = 0.0;
+    lastMinimizationMs = 0.0;
 
     const int refPos = std::max(0, framesLoaded - referenceIndex - 1);
+    stepWatch.start();
     const int registered = registration.doRegistration(framesLoaded, refPos, framePointers.data(),
                                                        shifts.data(), maskPointers.data(),
                                                        workFramePointers.data());
+    lastRegistrationMs = stepWatch.stop() * 1000.0;
     if (registered < 0)
         return static_cast<float>(registered);
     registration.getCompleteShifts(completeShifts);
@@ -150,8 +154,10 @@ float SrFloat<Registration>::computeSR(float* out)
     }
     const int checkCode = tooFar ? -6 : (poorlyCovered ? -3 : 0);
 
+    stepWatch.start();
     const int minimized = minimization.minimize(framesLoaded, refPos, workFramePointers.data(),
                                                 shifts.data(), maskPointers.data(), result.data());
+    lastMinimizationMs = stepWatch.stop() * 1000.0;
     if (minimized < 0)
         return static_cast<float>(minimized);
 

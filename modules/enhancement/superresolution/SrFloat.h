@@ -10,6 +10,7 @@
 #include "SrFloatMinimization.h"
 #include "SrFloatRegistration1.h"
 #include "SrFloatRegistration2.h"
+#include "StopWatch.h"
 #include "SuperResolutionBadPixelHandling.h"
 
 namespace velmor {
@@ -103,6 +104,14 @@ public:
     void setMinStructureThreshold(float threshold);
     void setDataIsNUC(bool isNUC);
 
+    // Wall-clock milliseconds that the last computeSR spent in the
+    // registration and in the minimisation (0 for a step that did not run,
+    // e.g. the minimisation after a failed registration). Measured with a
+    // monotonic clock at no allocation; meant for reports and progress
+    // displays, not for benchmarks.
+    double getLastRegistrationMilliseconds() const { return lastRegistrationMs; }
+    double getLastMinimizationMilliseconds() const { return lastMinimizationMs; }
+
     // Read access for callers that want the parts (timing, diagnostics).
     const Registration& getRegistration() const { return registration; }
     const SrFloatMinimization& getMinimization() const { return minimization; }
@@ -141,6 +150,9 @@ private:
     std::vector<float*> workFramePointers;
     std::vector<char*> maskPointers;
     int framesLoaded = 0;
+    StopWatch stepWatch;
+    double lastRegistrationMs = 0.0;
+    double lastMinimizationMs = 0.0;
 };
 
 extern template class SrFloat<SrFloatRegistration1>;

@@ -14,6 +14,7 @@
 #include "LogFacility.h"
 #include "SrFloat.h"
 #include "detail/CInterfaceAccess.h"
+#include "detail/CInterfaceCodes.h"
 #include "detail/CameraLensTable.h"
 
 using velmor::kro::Exception;
@@ -230,11 +231,9 @@ int SuperResolution_addImage(int handle, const float* image)
         if (slot->debugStream.isOpen())
             slot->debugStream << frame;
 
-        int code = 0;
-        if (!slot->engine->checkImageStructureQuality(frame)) {
+        const bool structureOk = slot->engine->checkImageStructureQuality(frame);
+        if (!structureOk)
             lastError() = "  image has not enough structure";
-            code = -4;
-        }
         KRO_LOG("  calling addFrame(...)");
         const int r = slot->engine->addFrame(image);
         ++slot->imageCount;
@@ -244,14 +243,7 @@ int SuperResolution_addImage(int handle, const float* image)
             q = slot->engine->computeSR(slot->result.ptr<float>(0));
             KRO_LOG("  finished processFrame(...)");
         }
-        // Later matches override earlier ones.
-        if (q == -2.0f || r == -2)
-            code = -2;
-        if (q == -3.0f)
-            code = -3;
-        if (q == -9.0f)
-            code = -9;
-        return code;
+        return velmor::kro::detail::cInterfaceCode(structureOk, r, q);
     });
 }
 
