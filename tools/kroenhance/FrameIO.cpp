@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <system_error>
@@ -656,8 +658,56 @@ bool FrameWriter::raw() const { return impl_->kind == Impl::Kind::Raw; }
 
 // ---------------------------------------------------------------------------
 
-Progress::Progress(std::string label, long long total)
-    : label_(std::move(label)), total_(total), enabled_(::isatty(::fileno(stderr)) != 0)
+AtomicFile::AtomicFile(const std::string& path) : path_(path)
+{
+    const fs::path target(path);
+    temporary_ = (target.parent_path() /
+                  (".kroenhance-" + std::to_string(::getpid()) + "-" + target.filename().string()))
+                     .string();
+    stream_.open(temporary_, std::ios::binary | std::ios::trunc);
+    if (!stream_)
+        throw RunError("cannot create " + inQuotes(path) + ": " + systemError());
+}
+
+AtomicFile::~AtomicFile()
+{
+    if (committed_)
+        return;
+    stream_.close();
+    std::error_code ignored;
+    fs::remove(temporary_, ignored);
+}
+
+std::ostream& AtomicFile::stream() { return stream_; }
+
+void AtomicFile::commit()
+{
+    if (committed_)
+        return;
+    stream_.close();
+    if (!stream_)
+        throw RunError("cannot write " + inQuotes(path_) + ": " + systemError());
+    std::error_code error;
+    fs::rename(temporary_, path_, error);
+    if (error)
+        throw RunError("cannot move the finished file to " + inQuotes(path_) + ": " + error.message());
+    committed_ = true;
+}
+
+namespace {
+
+double monotonicSeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+} // namespace
+
+Progress::Progress(std::string label, long long total, bool enabled)
+    : label_(std::move(label)),
+      total_(total),
+      enabled_(enabled && ::isatty(::fileno(stderr)) != 0),
+      started_(monotonicSeconds())
 {
 }
 
@@ -671,10 +721,25 @@ void Progress::update(long long done)
 {
     if (!enabled_)
         return;
-    std::cerr << '\r' << label_ << ": frame " << done;
+    const double now = monotonicSeconds();
+    const bool last = total_ > 0 && done >= total_;
+    if (!last && lastShown_ >= 0.0 && now - lastShown_ < 0.2)
+        return;
+    lastShown_ = now;
+    std::ostringstream line;
+    line << '\r' << label_ << ": frame " << done;
     if (total_ > 0)
-        std::cerr << '/' << total_;
-    std::cerr << std::flush;
+        line << '/' << total_;
+    const double elapsed = now - started_;
+    if (done > 0 && elapsed > 0.0) {
+        const double rate = done / elapsed;
+        line << ", " << std::fixed << std::setprecision(rate < 10.0 ? 2 : 1) << rate << " frames/s";
+        if (total_ > 0 && !last)
+            line << ", " << static_cast<long long>((total_ - done) / rate + 0.5) << " s left";
+    }
+    // Blank the rest of a longer earlier line.
+    line << "        ";
+    std::cerr << line.str() << std::flush;
     printed_ = true;
 }
 

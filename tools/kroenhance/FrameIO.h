@@ -29,6 +29,7 @@
 // throw UsageError (exit status 2).
 
 #include <cstddef>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -131,11 +132,35 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-// "label: frame i/n" on standard error, refreshed in place, only when
-// standard error is a terminal.
+// One file (a report, a summary) written under a temporary name in the
+// target's folder and given its name by commit(); removed unless committed,
+// so a failed run never leaves a partial file or half-overwrites an old one.
+class AtomicFile {
+public:
+    // Creates the temporary file; RunError when it cannot be created.
+    explicit AtomicFile(const std::string& path);
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    std::ostream& stream();
+    // Flushes, closes and renames; RunError when any of it fails.
+    void commit();
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+    std::string temporary_;
+    std::ofstream stream_;
+    bool committed_ = false;
+};
+
+// "label: frame i/n, 12.5 frames/s, 8 s left" on standard error, refreshed in
+// place at most a few times a second, only when standard error is a terminal
+// and `enabled` is set. A total of 0 or less means unknown.
 class Progress {
 public:
-    Progress(std::string label, long long total);
+    Progress(std::string label, long long total, bool enabled = true);
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -146,6 +171,8 @@ private:
     long long total_;
     bool enabled_;
     bool printed_ = false;
+    double started_ = 0.0;    // seconds on a monotonic clock
+    double lastShown_ = -1.0;
 };
 
 } // namespace kroenhance

@@ -1,0 +1,184 @@
+// kroenhance sr: multi-frame super-resolution of a recording.
+#include <iostream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Cli.h"
+#include "Command.h"
+#include "FrameIO.h"
+#include "SrReport.h"
+#include "SrSession.h"
+#include "StopWatch.h"
+
+namespace kroenhance {
+namespace {
+
+const char* const kSrHelp =
+    "Usage: kroenhance sr [options] INPUT... -o OUTPUT\n"
+    "\n"
+    "Multi-frame super-resolution: from a sliding window of slightly shifted\n"
+    "frames, every frame is registered against the window's reference frame and\n"
+    "one image of twice the width and height is solved for (sensor blur model\n"
+    "plus total variation). As through the C interface, the first output frame\n"
+    "comes with the window-th input frame, then one for every further frame:\n"
+    "N input frames give N - window + 1 output frames. Values keep the input's\n"
+    "scale; float output is exact, 16-bit output is rounded and saturated.\n"
+    "\n"
+    "When a reconstruction fails (the engine returns a negative value or the\n"
+    "library reports an error) its frame is the bicubic enlargement of the\n"
+    "window's reference frame instead; a warning names each kind of failure\n"
+    "once and the report lists every frame. The exit status is 0 unless no\n"
+    "frame at all could be reconstructed.\n"
+    "\n";
+
+const char* const kSrOptionsHelp =
+    "\n"
+    "Other options:\n"
+    "  --report FILE.json    per output frame: input index, the engine's value\n"
+    "                        and the C interface's code for it, the quality,\n"
+    "                        every window frame's shift and masked fraction, and\n"
+    "                        the milliseconds of registration and minimisation\n"
+    "                        (written even when no frame could be reconstructed)\n"
+    "  --quiet               no progress display (shown only on a terminal)\n"
+    "  Raw output is f32 unless --output-format says otherwise.\n";
+
+const char* const kSrExamplesHelp =
+    "\n"
+    "Examples:\n"
+    "  kroenhance sr --size 640x512 --format u16 drive.raw -o sr.raw\n"
+    "      a raw u16 recording in, 1280x1024 f32 frames out\n"
+    "  kroenhance sr --engine phase --report sr.json frames_*.png -o sr_%04d.png\n"
+    "      numbered 16-bit PNGs in and out, with a report\n"
+    "  kroenhance sr --camera \"k57 FOV 25\" --window 7 --reference-index 3 \\\n"
+    "      --size 320x256 --format f32 burst.raw -o sr.tif\n";
+
+// One warning per kind of problem; the report has them all.
+class Warnings {
+public:
+    void once(const std::string& kind, const std::string& text)
+    {
+        if (seen_.insert(kind).second)
+            std::cerr << "kroenhance sr: warning: " << text << '\n';
+    }
+
+private:
+    std::set<std::string> seen_;
+};
+
+int runSr(const std::vector<std::string>& args)
+{
+    Cli cli(args);
+    if (cli.helpRequested()) {
+        std::cout << kSrHelp << kSrSettingsHelp << kFrameIoHelp << kSrOptionsHelp << kSrExamplesHelp;
+        return kExitOk;
+    }
+    const SrSettings settings = srSettingsFromCommandLine(cli);
+    const bool reportGiven = cli.has("--report");
+    const std::string reportPath = cli.stringOption("--report", "");
+    if (reportGiven && reportPath.empty())
+        throw UsageError("option --report needs a file name");
+    const bool quiet = cli.flag("--quiet");
+    const OutputSpec output = outputFromCommandLine(cli);
+    const InputSpec input = inputFromCommandLine(cli);
+    if (!reportPath.empty() && reportPath == output.path)
+        throw UsageError("the report and the output must be different files");
+    checkSrSettings(settings);
+    if (!settings.camera.empty() && settings.cameraModel.empty())
+        std::cerr << "kroenhance sr: warning: no camera model and field of view found in \""
+                  << settings.camera << "\"; the default sensor blur " << settings.psfSigma
+                  << " is used\n";
+
+    FrameReader reader(input);
+    if (CV_MAT_CN(reader.frameType()) != 1)
+        throw RunError("the input holds " + describeFrame(reader.frameSize(), reader.frameType()) +
+                       " frames; super-resolution needs single-channel frames");
+    const long long inputFrames = reader.frameCount();
+    if (inputFrames >= 0 && inputFrames < settings.window) {
+        std::ostringstream why;
+        why << "the input holds " << inputFrames << " frame" << (inputFrames == 1 ? "" : "s")
+            << "; a window of " << settings.window << " needs at least " << settings.window
+            << " (see --window)";
+        throw RunError(why.str());
+    }
+    SrSession session(settings, reader.frameSize());
+    const SampleFormat rawFormat = output.formatGiven ? output.format : SampleFormat::F32;
+    FrameWriter writer(output.path, rawFormat);
+
+    velmor::kro::StopWatch clock;
+    clock.start();
+    Progress progress("sr", inputFrames >= 0 ? inputFrames - settings.window + 1 : 0, !quiet);
+    Warnings warnings;
+    std::vector<SrFrameRecord> records;
+    cv::Mat frame;
+    cv::Mat_<float> result;
+    SrFrameRecord record;
+    while (reader.read(frame)) {
+        if (!session.addFrame(frame, result, record))
+            continue;
+        writer.write(result);
+        records.push_back(record);
+        if (!record.structureOk)
+            warnings.once("structure", "input frame " + std::to_string(record.inputIndex) +
+                                           " has too little structure (code -4); it is used all the same");
+        if (record.addResult == -2)
+            warnings.once("defects", "input frame " + std::to_string(record.inputIndex) +
+                                         " has defects the bad-pixel repair could not mend (code -2)");
+        if (record.fallback())
+            warnings.once(srFailureKind(record.failure),
+                          "output frame " + std::to_string(record.outputIndex) + " (input frame " +
+                              std::to_string(record.inputIndex) + "): " + record.message +
+                              "; it is the bicubic enlargement of input frame " +
+                              std::to_string(record.referenceInputIndex) + " instead");
+        progress.update(static_cast<long long>(records.size()));
+    }
+    if (records.empty()) {
+        std::ostringstream why;
+        why << "the input holds " << session.framesAdded() << " frame"
+            << (session.framesAdded() == 1 ? "" : "s") << "; a window of " << settings.window
+            << " needs at least " << settings.window << " (see --window)";
+        throw RunError(why.str());
+    }
+
+    long long fallbacks = 0;
+    for (const SrFrameRecord& r : records)
+        fallbacks += r.fallback() ? 1 : 0;
+    const bool noneReconstructed = fallbacks == static_cast<long long>(records.size());
+
+    if (!reportPath.empty()) {
+        SrRunSummary run;
+        run.settings = settings;
+        run.inputSize = session.frameSize();
+        run.inputFrames = session.framesAdded();
+        run.outputPath = output.path;
+        run.outputSize = session.outputSize();
+        run.seconds = clock.stop();
+        AtomicFile report(reportPath);
+        writeSrReport(report.stream(), run, records);
+        if (noneReconstructed) {
+            // The report says why each frame failed; the frames themselves
+            // are not kept.
+            report.commit();
+        } else {
+            writer.commit();
+            report.commit();
+        }
+    } else if (!noneReconstructed) {
+        writer.commit();
+    }
+    if (noneReconstructed)
+        throw RunError("no frame could be reconstructed; no output written" +
+                       std::string(reportPath.empty() ? " (--report lists every frame)" : ""));
+    if (fallbacks > 0)
+        std::cerr << "kroenhance sr: warning: " << fallbacks << " of " << records.size()
+                  << " output frames are bicubic enlargements"
+                  << (reportPath.empty() ? "" : " (see " + reportPath + ")") << '\n';
+    return kExitOk;
+}
+
+} // namespace
+} // namespace kroenhance
+
+KROENHANCE_COMMAND(sr, "sr", "multi-frame super-resolution of a recording (twice the width and height)",
+                   kroenhance::runSr);

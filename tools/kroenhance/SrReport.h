@@ -1,0 +1,52 @@
+#pragma once
+
+// The JSON report of kroenhance sr (--report FILE.json).
+//
+// {
+//   "command": "kroenhance sr", "version": "0.1.0",
+//   "settings": {"engine": "corners", "window": 5, "reference_index": 3,
+//                "tv_weight": 400, "reg_error": 0.0001, "rel_residue": 0.007,
+//                "iterations": 8, "psf_sigma": 0.683, "camera": null},
+//   "input":  {"width": 160, "height": 128, "frames": 10},
+//   "output": {"path": "out.raw", "width": 320, "height": 256, "frames": 6},
+//   "reconstructed": 6, "fallbacks": 0, "seconds": 1.25,
+//   "frames": [
+//     {"output_index": 0, "input_index": 4, "reference_input_index": 1,
+//      "engine_value": 1.98, "code": 0, "quality": 1.98,
+//      "fallback": false, "failure": null,
+//      "window": [{"input_index": 0, "shift": [0.41, -0.2], "masked_fraction": 0.01}, ...],
+//      "registration_ms": 12.5, "minimization_ms": 80.1, "total_ms": 95.3},
+//     ...]
+// }
+//
+// "engine_value" is computeSR's value (null when the library threw), "code"
+// the C interface's code for the frame, "quality" the engine value when it is
+// a quality figure (else null), "failure" null or {"kind", "message"} for a
+// frame replaced by the bicubic enlargement of its reference frame; "shift"
+// and "masked_fraction" are null when the registration did not run.
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "SrSession.h"
+
+namespace kroenhance {
+
+struct SrRunSummary {
+    SrSettings settings;
+    cv::Size inputSize;
+    long long inputFrames = 0;
+    std::string outputPath;
+    cv::Size outputSize;
+    double seconds = 0.0;
+};
+
+void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector<SrFrameRecord>& records);
+
+// `text` as a JSON string literal, quotes included.
+std::string jsonString(const std::string& text);
+
+} // namespace kroenhance

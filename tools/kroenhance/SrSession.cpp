@@ -1,0 +1,365 @@
+#include "SrSession.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <deque>
+#include <new>
+#include <sstream>
+
+#include <opencv2/imgproc.hpp>
+
+#include "Exception.h"
+#include "SrFloat.h"
+#include "StopWatch.h"
+#include "detail/CInterfaceCodes.h"
+#include "detail/CameraLensTable.h"
+
+namespace kroenhance {
+
+namespace {
+
+using velmor::kro::SrFloat;
+using velmor::kro::SrFloatRegistration1;
+using velmor::kro::SrFloatRegistration2;
+
+// The engine's factor; the C interface's and the only one the minimiser's
+// sparse grid is laid out for.
+constexpr float kMagnification = 2.0f;
+// The tool keeps this many frames at most (a window is held twice: by the
+// engine and as the fallback's source).
+constexpr int kMaxWindow = 64;
+// Size of the engine built only to check the settings: small, and valid for
+// both registrations (the phase one needs an even width of some size).
+constexpr int kProbeSize = 64;
+
+// Applies one setter; a refusal (the engine throws its message as a C
+// string) becomes a usage error with the engine's message, prefixed by the
+// option and followed by the value and what is accepted.
+template <typename Value, typename Setter>
+void apply(const char* option, Value value, const std::string& accepted, Setter setter)
+{
+    try {
+        setter();
+    } catch (const char* message) {
+        std::ostringstream why;
+        why << "option " << option << ": " << message << " (got " << value << "; accepted: " << accepted << ")";
+        throw UsageError(why.str());
+    }
+}
+
+template <typename Engine>
+void configure(Engine& engine, const SrSettings& s)
+{
+    apply("--reference-index", s.referenceIndex,
+          "0 to " + std::to_string(engine.getWindowSize() - 1) + " with a window of " +
+              std::to_string(engine.getWindowSize()),
+          [&] { engine.setReferenceIndex(s.referenceIndex); });
+    apply("--tv-weight", s.tvWeight, "1 or more", [&] { engine.setWeightTV(static_cast<float>(s.tvWeight)); });
+    apply("--reg-error", s.regError, "above 0 and at most 1",
+          [&] { engine.setRegError(static_cast<float>(s.regError)); });
+    apply("--rel-residue", s.relResidue, "1e-6 or more",
+          [&] { engine.setRelativeResidue(static_cast<float>(s.relResidue)); });
+    apply("--iterations", s.iterations, "1 or more", [&] { engine.setMaxCGIters(s.iterations); });
+    apply(s.camera.empty() ? "--psf-sigma" : "--camera", s.psfSigma, "above 0",
+          [&] { engine.setPsfSigma(static_cast<float>(s.psfSigma)); });
+}
+
+template <typename Engine>
+std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
+{
+    if (s.window > kMaxWindow) {
+        std::ostringstream why;
+        why << "option --window: " << s.window << " frames is more than the " << kMaxWindow
+            << " this tool holds";
+        throw UsageError(why.str());
+    }
+    std::unique_ptr<Engine> engine;
+    try {
+        engine = std::make_unique<Engine>(size.width, size.height, s.window, kMagnification);
+    } catch (const char* message) {
+        throw UsageError("option --window: " + std::string(message) + " (got " + std::to_string(s.window) +
+                         "; accepted: 1 or more)");
+    } catch (const velmor::kro::Exception& e) {
+        std::ostringstream why;
+        why << "the " << srEngineName(s.engine) << " engine cannot work on " << size.width << "x"
+            << size.height << " frames: " << e.what();
+        throw RunError(why.str());
+    }
+    configure(*engine, s);
+    return engine;
+}
+
+} // namespace
+
+const char* srEngineName(SrEngine engine)
+{
+    return engine == SrEngine::Phase ? "phase" : "corners";
+}
+
+const char* srFailureKind(SrFailure failure)
+{
+    switch (failure) {
+    case SrFailure::None: return "";
+    case SrFailure::NoTracking: return "no-tracking";
+    case SrFailure::Displacement: return "displacement";
+    case SrFailure::Coverage: return "coverage";
+    case SrFailure::Minimization: return "minimization";
+    case SrFailure::NonFinite: return "non-finite";
+    case SrFailure::LibraryError: return "library-error";
+    }
+    return "";
+}
+
+const char* const kSrSettingsHelp =
+    "Engine options (defaults: those of the C interface):\n"
+    "  --engine E            registration: corners (tracked corners and optical\n"
+    "                        flow, the C interface's) or phase (phase correlation\n"
+    "                        and optical flow); default corners\n"
+    "  --window N            frames per reconstruction (default 5)\n"
+    "  --reference-index N   reference frame, counted back from the newest frame\n"
+    "                        of the window, 0 to N-1 (default 3)\n"
+    "  --tv-weight X         total-variation weight, 1 or more; larger smooths\n"
+    "                        less (default 400)\n"
+    "  --reg-error X         registration error bound, above 0 and at most 1\n"
+    "                        (default 0.0001)\n"
+    "  --rel-residue X       relative residue that stops the solver, at least\n"
+    "                        1e-6 (default 0.007)\n"
+    "  --iterations N        bound on the solver's iterations, 1 or more (default 8)\n"
+    "  --psf-sigma X         sensor blur, Gaussian sigma in input pixels, above 0\n"
+    "                        (default 0.683)\n"
+    "  --camera TEXT         or: the blur from a camera and lens description such\n"
+    "                        as \"k57 FOV 25\" (unrecognised text: the default)\n";
+
+SrSettings srSettingsFromCommandLine(Cli& cli)
+{
+    SrSettings s;
+    const std::string engine = cli.stringOption("--engine", "corners");
+    if (engine == "corners")
+        s.engine = SrEngine::Corners;
+    else if (engine == "phase")
+        s.engine = SrEngine::Phase;
+    else
+        throw UsageError("option --engine: unknown engine \"" + engine + "\" (use corners or phase)");
+    // The ranges here only keep the values within their C types; the engine
+    // judges them (checkSrSettings).
+    s.window = static_cast<int>(cli.intOption("--window", s.window, INT_MIN, INT_MAX));
+    s.referenceIndex = static_cast<int>(cli.intOption("--reference-index", s.referenceIndex, INT_MIN, INT_MAX));
+    s.tvWeight = cli.doubleOption("--tv-weight", s.tvWeight, -FLT_MAX, FLT_MAX);
+    s.regError = cli.doubleOption("--reg-error", s.regError, -FLT_MAX, FLT_MAX);
+    s.relResidue = cli.doubleOption("--rel-residue", s.relResidue, -FLT_MAX, FLT_MAX);
+    s.iterations = static_cast<int>(cli.intOption("--iterations", s.iterations, INT_MIN, INT_MAX));
+    const bool sigmaGiven = cli.has("--psf-sigma");
+    s.psfSigma = cli.doubleOption("--psf-sigma", velmor::kro::detail::kDefaultPsfSigma, -FLT_MAX, FLT_MAX);
+    if (cli.has("--camera")) {
+        if (sigmaGiven)
+            throw UsageError("give either --psf-sigma or --camera, not both");
+        s.camera = cli.stringOption("--camera", "");
+        // As the C interface: a description that cannot be decoded leaves the
+        // default blur.
+        s.psfSigma = velmor::kro::detail::kDefaultPsfSigma;
+        std::string model;
+        int fieldOfView = -1;
+        if (velmor::kro::detail::decodeCameraType(s.camera, model, fieldOfView)) {
+            s.cameraModel = model;
+            s.cameraFieldOfView = fieldOfView;
+            s.psfSigma = velmor::kro::detail::psfSigmaFor(model, fieldOfView);
+        }
+    }
+    return s;
+}
+
+void checkSrSettings(const SrSettings& settings)
+{
+    const cv::Size probe(kProbeSize, kProbeSize);
+    if (settings.engine == SrEngine::Phase)
+        buildEngine<SrFloat<SrFloatRegistration1>>(settings, probe);
+    else
+        buildEngine<SrFloat<SrFloatRegistration2>>(settings, probe);
+}
+
+// ---------------------------------------------------------------------------
+
+struct SrSession::Impl {
+    explicit Impl(const SrSettings& s, cv::Size size) : settings(s), size(size) {}
+    virtual ~Impl() = default;
+    virtual cv::Size outputSize() const = 0;
+    virtual bool addFrame(const cv::Mat& frame, cv::Mat_<float>& out, SrFrameRecord& record) = 0;
+
+    SrSettings settings;
+    cv::Size size;
+    long long added = 0;
+    long long produced = 0;
+};
+
+namespace {
+
+template <typename Registration>
+class EngineSession : public SrSession::Impl {
+public:
+    EngineSession(const SrSettings& s, cv::Size frameSize)
+        : Impl(s, frameSize), engine(buildEngine<SrFloat<Registration>>(s, frameSize))
+    {
+        const int window = engine->getWindowSize();
+        // Position of the reference in a full window (oldest first), as the
+        // engine computes it.
+        referencePosition = std::max(0, window - engine->getReferenceIndex() - 1);
+        masks.resize(window);
+    }
+
+    cv::Size outputSize() const override
+    {
+        return cv::Size(engine->getOutputWidth(), engine->getOutputHeight());
+    }
+
+    bool addFrame(const cv::Mat& frame, cv::Mat_<float>& out, SrFrameRecord& record) override
+    {
+        if (frame.size() != size || frame.channels() != 1)
+            throw RunError("input frame " + std::to_string(added) + " is not a single-channel frame of the first's size");
+        velmor::kro::StopWatch watch;
+        watch.start();
+
+        cv::Mat_<float> samples;
+        frame.convertTo(samples, CV_32F);
+        if (!cv::checkRange(samples))
+            throw RunError("input frame " + std::to_string(added) +
+                           " holds NaN or infinite samples; the engine needs finite values");
+        const long long inputIndex = added++;
+        const int window = engine->getWindowSize();
+        held.push_back(samples);
+        if (static_cast<int>(held.size()) > window)
+            held.pop_front();
+
+        // The same sequence of calls as SuperResolution_addImage.
+        bool structureOk = true;
+        int addResult = 0;
+        std::string addError;
+        try {
+            structureOk = engine->checkImageStructureQuality(samples);
+            addResult = engine->addFrame(samples);
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const velmor::kro::Exception& e) {
+            addError = e.what();
+        } catch (const cv::Exception& e) {
+            addError = "cv::Exception: " + e.err;
+        } catch (const std::exception& e) {
+            addError = e.what();
+        }
+        if (inputIndex + 1 < window)
+            return false;
+
+        record = SrFrameRecord();
+        record.outputIndex = produced++;
+        record.inputIndex = inputIndex;
+        record.referenceInputIndex = inputIndex - (window - 1) + referencePosition;
+        record.structureOk = structureOk;
+        record.addResult = addResult;
+        record.window.resize(window);
+        for (int i = 0; i < window; ++i)
+            record.window[i].inputIndex = inputIndex - (window - 1) + i;
+
+        out.create(outputSize());
+        std::string error = addError;
+        if (error.empty()) {
+            try {
+                record.engineValue = engine->computeSR(out);
+                record.hasEngineValue = true;
+            } catch (const std::bad_alloc&) {
+                throw;
+            } catch (const velmor::kro::Exception& e) {
+                error = e.what();
+            } catch (const cv::Exception& e) {
+                error = "cv::Exception: " + e.err;
+            } catch (const std::exception& e) {
+                error = e.what();
+            }
+            record.registrationMs = engine->getLastRegistrationMilliseconds();
+            record.minimizationMs = engine->getLastMinimizationMilliseconds();
+        }
+
+        if (!record.hasEngineValue) {
+            record.code = -999;  // the C interface's code for a caught exception
+            record.failure = SrFailure::LibraryError;
+            record.message = error;
+        } else {
+            const float value = record.engineValue;
+            record.code = velmor::kro::detail::cInterfaceCode(structureOk, addResult, value);
+            // -3 and -6 fill the result all the same, but the engine says it
+            // was made from frames that do not line up; it is not passed on
+            // as a reconstruction.
+            if (value == -9.0f) {
+                record.failure = SrFailure::NoTracking;
+                record.message = "the registration found nothing to track";
+            } else if (value == -6.0f) {
+                record.failure = SrFailure::Displacement;
+                record.message = "a frame of the window is displaced too far";
+            } else if (value == -3.0f) {
+                record.failure = SrFailure::Coverage;
+                record.message = "half or more of a frame's pixels could not be registered";
+            } else if (value < 0.0f) {
+                std::ostringstream why;
+                why << "the minimisation failed (value " << value << ")";
+                record.failure = SrFailure::Minimization;
+                record.message = why.str();
+            } else if (!cv::checkRange(out)) {
+                record.failure = SrFailure::NonFinite;
+                record.message = "the reconstruction holds NaN or infinite values";
+            }
+            // The shifts and masks are those of this call unless the
+            // registration itself failed.
+            if (value != -9.0f) {
+                engine->getCompleteShifts(shifts);
+                engine->getMasks(masks);
+                const double pixels = static_cast<double>(size.area());
+                for (int i = 0; i < window; ++i) {
+                    SrWindowFrame& w = record.window[i];
+                    w.registered = true;
+                    if (static_cast<std::size_t>(i) < shifts.size()) {
+                        w.shiftX = shifts[i].x;
+                        w.shiftY = shifts[i].y;
+                    }
+                    w.maskedFraction = 1.0 - cv::countNonZero(masks[i]) / pixels;
+                }
+            }
+        }
+
+        if (record.fallback()) {
+            const cv::Mat_<float>& reference = held[static_cast<std::size_t>(referencePosition)];
+            cv::resize(reference, out, outputSize(), 0.0, 0.0, cv::INTER_CUBIC);
+        }
+        record.totalMs = watch.stop() * 1000.0;
+        return true;
+    }
+
+private:
+    std::unique_ptr<SrFloat<Registration>> engine;
+    int referencePosition = 0;
+    std::deque<cv::Mat_<float>> held;  // the window's frames as given, oldest first
+    std::vector<velmor::kro::PointF> shifts;
+    std::vector<cv::Mat_<unsigned char>> masks;
+};
+
+} // namespace
+
+SrSession::SrSession(const SrSettings& settings, cv::Size frameSize)
+{
+    if (settings.engine == SrEngine::Phase)
+        impl_ = std::make_unique<EngineSession<SrFloatRegistration1>>(settings, frameSize);
+    else
+        impl_ = std::make_unique<EngineSession<SrFloatRegistration2>>(settings, frameSize);
+}
+
+SrSession::~SrSession() = default;
+
+cv::Size SrSession::frameSize() const { return impl_->size; }
+cv::Size SrSession::outputSize() const { return impl_->outputSize(); }
+const SrSettings& SrSession::settings() const { return impl_->settings; }
+long long SrSession::framesAdded() const { return impl_->added; }
+
+bool SrSession::addFrame(const cv::Mat& frame, cv::Mat_<float>& out, SrFrameRecord& record)
+{
+    return impl_->addFrame(frame, out, record);
+}
+
+} // namespace kroenhance

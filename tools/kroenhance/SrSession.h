@@ -1,0 +1,140 @@
+#pragma once
+
+// Super-resolution of a recording, one frame at a time, as the kroenhance sr
+// and demo commands run it.
+//
+// SrSession drives the float engine (SrFloat with the corner or the phase
+// registration) the way the C interface does: every frame is checked for
+// structure and added; from the window-th frame on, every frame also runs a
+// reconstruction. For each reconstruction it keeps a record of what
+// happened (the engine's value and the C interface's code for it, the
+// shifts and masked fractions of the window's frames, the time spent), and
+// when the reconstruction fails it puts the bicubic enlargement of the
+// window's reference frame in its place, so that a recording always gives
+// one output frame per input frame from the window-th on.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "Cli.h"
+
+namespace kroenhance {
+
+enum class SrEngine {
+    Corners,  // SrFloatRegistration2: tracked corners and optical flow (the C interface's)
+    Phase     // SrFloatRegistration1: phase correlation and optical flow
+};
+
+const char* srEngineName(SrEngine engine);
+
+// The engine's settings; the defaults are the C interface's.
+struct SrSettings {
+    SrEngine engine = SrEngine::Corners;
+    int window = 5;
+    int referenceIndex = 3;
+    double tvWeight = 400.0;
+    double regError = 0.0001;
+    double relResidue = 0.007;
+    int iterations = 8;
+    double psfSigma = 0.683;  // from --psf-sigma, --camera, or the default
+    std::string camera;       // the --camera description; empty when not given
+    std::string cameraModel;  // the model code decoded from it ("mk57"); empty when not decoded
+    int cameraFieldOfView = -1;
+};
+
+// Takes --engine, --window, --reference-index, --tv-weight, --reg-error,
+// --rel-residue, --iterations, --psf-sigma and --camera. Malformed values
+// (not a number, an unknown engine, both --psf-sigma and --camera) throw
+// UsageError; whether a value is acceptable is the engine's business (see
+// checkSrSettings).
+SrSettings srSettingsFromCommandLine(Cli& cli);
+
+// Help text of those options.
+extern const char* const kSrSettingsHelp;
+
+// Hands the settings to a small engine of the chosen kind; a value the engine
+// refuses throws UsageError with the engine's own message, prefixed by the
+// option ("option --tv-weight: Invalid total-variation term weight
+// specified."). Cheap; meant to run before any file is touched.
+void checkSrSettings(const SrSettings& settings);
+
+// Why a reconstruction was replaced by the bicubic enlargement.
+enum class SrFailure {
+    None,
+    NoTracking,    // -9: the registration found nothing to track
+    Displacement,  // -6: a frame is displaced too far
+    Coverage,      // -3: half or more of a frame's pixels are masked out
+    Minimization,  // another negative value, from the minimisation
+    NonFinite,     // the result holds NaN or infinite values
+    LibraryError   // the library threw
+};
+
+// A short stable name ("no-tracking", "displacement", "coverage",
+// "minimization", "non-finite", "library-error"), "" for None.
+const char* srFailureKind(SrFailure failure);
+
+// One frame of the window of a reconstruction.
+struct SrWindowFrame {
+    long long inputIndex = 0;
+    bool registered = false;     // shift and mask are known (the registration ran)
+    float shiftX = 0.0f;         // complete shift against the reference, low-resolution pixels
+    float shiftY = 0.0f;
+    double maskedFraction = 0.0; // share of the frame's pixels left out of the solve
+};
+
+// What happened to one output frame.
+struct SrFrameRecord {
+    long long outputIndex = 0;
+    long long inputIndex = 0;           // the newest frame of the window
+    long long referenceInputIndex = 0;  // the window's reference frame
+    bool structureOk = true;            // the newest frame passed the structure check
+    int addResult = 0;                  // the engine's addFrame value for the newest frame
+    bool hasEngineValue = false;        // false when the library threw
+    float engineValue = 0.0f;           // computeSR's value: quality, or a negative code
+    int code = 0;                       // the C interface's code (-999 when the library threw)
+    SrFailure failure = SrFailure::None;
+    std::string message;                // what went wrong, for failures
+    std::vector<SrWindowFrame> window;  // oldest first
+    double registrationMs = 0.0;
+    double minimizationMs = 0.0;
+    double totalMs = 0.0;               // adding the frame, reconstructing, any fallback
+
+    bool fallback() const { return failure != SrFailure::None; }
+    // The engine's value when it is a quality figure (not negative).
+    bool hasQuality() const { return hasEngineValue && engineValue >= 0.0f; }
+};
+
+class SrSession {
+public:
+    // Builds the engine for frames of `frameSize` and applies the settings.
+    // Throws UsageError for a value the engine refuses, RunError when the
+    // engine cannot work on frames of that size.
+    SrSession(const SrSettings& settings, cv::Size frameSize);
+    ~SrSession();
+    SrSession(const SrSession&) = delete;
+    SrSession& operator=(const SrSession&) = delete;
+
+    cv::Size frameSize() const;
+    cv::Size outputSize() const;
+    const SrSettings& settings() const;
+
+    // Adds one single-channel frame of frameSize() (any depth, taken by
+    // value as float). Returns false while the window is filling; otherwise
+    // writes the output frame (float, outputSize(), in the input's scale)
+    // into `out`, its record into `record`, and returns true. Throws
+    // RunError for a frame of another size or with NaN or infinite samples.
+    bool addFrame(const cv::Mat& frame, cv::Mat_<float>& out, SrFrameRecord& record);
+
+    // Frames added so far.
+    long long framesAdded() const;
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace kroenhance
