@@ -1,0 +1,267 @@
+// kroenhance sr against the C interface fed the same frames, its fallback
+// for failed reconstructions, its output types and its frame count.
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "BurstGenerator.h"
+#include "SuperResolutionCAdapter.h"
+#include "TestImages.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const cv::Size kLow(96, 80);
+const cv::Size kHigh(192, 160);
+
+struct Result {
+    int status = -1;
+    std::string err;
+};
+
+// Runs kroenhance with `args` (already quoted as needed), capturing its
+// standard error.
+Result kroenhance(const krotest::TempDir& dir, const std::string& args)
+{
+    const std::string errFile = dir.file("stderr.txt");
+    const std::string command = std::string(KROENHANCE_PATH) + " " + args + " 2>" + errFile;
+    const int status = std::system(command.c_str());
+    Result r;
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::ifstream in(errFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    r.err = text.str();
+    fs::remove(errFile);
+    return r;
+}
+
+std::string readText(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+template <class T>
+std::vector<cv::Mat_<T>> readRaw(const std::string& path, cv::Size size)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::vector<cv::Mat_<T>> frames;
+    while (true) {
+        cv::Mat_<T> frame(size);
+        in.read(reinterpret_cast<char*>(frame.data), static_cast<std::streamsize>(frame.total() * sizeof(T)));
+        if (!in)
+            break;
+        frames.push_back(frame);
+    }
+    return frames;
+}
+
+template <class T>
+void writeRaw(const std::string& path, const std::vector<cv::Mat_<T>>& frames)
+{
+    std::ofstream out(path, std::ios::binary);
+    for (const auto& f : frames)
+        out.write(reinterpret_cast<const char*>(f.data), static_cast<std::streamsize>(f.total() * sizeof(T)));
+}
+
+// Every integer value of `field` in the report, in order.
+std::vector<long long> reportIntegers(const std::string& json, const std::string& field)
+{
+    std::vector<long long> values;
+    const std::regex pattern("\"" + field + "\": (-?[0-9]+)[,}]");
+    for (auto it = std::sregex_iterator(json.begin(), json.end(), pattern); it != std::sregex_iterator(); ++it)
+        values.push_back(std::stoll((*it)[1]));
+    return values;
+}
+
+int occurrences(const std::string& text, const std::string& what)
+{
+    int n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+// A 14-bit burst of a thermal-looking scene with known sub-pixel shifts.
+std::vector<cv::Mat_<float>> syntheticRecording(int frames)
+{
+    krotools::BurstSettings settings;
+    settings.frames = frames;
+    settings.seed = 7;
+    const krotools::Burst burst =
+        krotools::generateBurst(krotools::proceduralScene(kHigh.height, kHigh.width, 7), settings);
+    return burst.frames;
+}
+
+const std::string kDriveCrop = std::string(KROLIB_SOURCE_DIR) + "/data/thermal/drive_crop_160x128x10_u16.raw";
+
+TEST(SrCommand, OutputIsTheCInterfacesAndFailedFramesAreBicubicEnlargements)
+{
+    krotest::TempDir dir;
+    std::vector<cv::Mat_<float>> frames = syntheticRecording(9);
+    // A flat frame: nothing to track in any window that holds it (the last
+    // three), while the first two windows reconstruct.
+    frames[6].setTo(1000.0f);
+    writeRaw(dir.file("in.raw"), frames);
+
+    const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
+                                           dir.file("out.raw") + " --report " + dir.file("r.json"));
+    ASSERT_EQ(run.status, 0) << run.err;
+    const auto out = readRaw<float>(dir.file("out.raw"), kHigh);
+    ASSERT_EQ(out.size(), 5u) << "one output frame per input frame from the fifth on";
+    EXPECT_EQ(fs::file_size(dir.file("out.raw")), 5u * kHigh.area() * sizeof(float));
+
+    const int handle = SuperResolution_init(kLow.width, kLow.height);
+    ASSERT_GE(handle, 0);
+    std::vector<long long> codes;
+    std::vector<float> mosaic(static_cast<std::size_t>(kHigh.area()));
+    for (int i = 0; i < 9; ++i) {
+        const int code = SuperResolution_addImage(handle, frames[i].ptr<float>(0));
+        if (i < 4) {
+            EXPECT_EQ(code, 0);
+            continue;
+        }
+        codes.push_back(code);
+        const std::size_t k = static_cast<std::size_t>(i - 4);
+        if (code == -9) {
+            // The window's reference frame (reference index 3: the fourth
+            // newest) enlarged by bicubic interpolation.
+            cv::Mat_<float> expected;
+            cv::resize(frames[i - 3], expected, kHigh, 0.0, 0.0, cv::INTER_CUBIC);
+            EXPECT_EQ(std::memcmp(expected.ptr<float>(0), out[k].ptr<float>(0), mosaic.size() * sizeof(float)), 0)
+                << "output frame " << k << " is not the fallback";
+        } else {
+            ASSERT_EQ(SuperResolution_getSuperresolutionImage(handle, mosaic.data()), 0);
+            EXPECT_EQ(std::memcmp(mosaic.data(), out[k].ptr<float>(0), mosaic.size() * sizeof(float)), 0)
+                << "output frame " << k << " differs from the C interface's";
+        }
+    }
+    SuperResolution_release(handle);
+    EXPECT_EQ(codes, (std::vector<long long>{0, 0, -9, -9, -9}));
+
+    const std::string report = readText(dir.file("r.json"));
+    EXPECT_EQ(reportIntegers(report, "code"), codes);
+    EXPECT_EQ(reportIntegers(report, "reference_input_index"), (std::vector<long long>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(occurrences(report, "\"kind\": \"no-tracking\""), 3);
+
+    // One warning for the kind of failure, then the count.
+    EXPECT_EQ(occurrences(run.err, "nothing to track"), 1) << run.err;
+    EXPECT_NE(run.err.find("output frame 2 (input frame 6): the registration found nothing to track; it is the "
+                           "bicubic enlargement of input frame 3 instead"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("3 of 5 output frames are bicubic enlargements"), std::string::npos) << run.err;
+}
+
+TEST(SrCommand, NothingIsWrittenWhenNoFrameCanBeReconstructed)
+{
+    krotest::TempDir dir;
+    std::vector<cv::Mat_<float>> frames = syntheticRecording(6);
+    frames[3].setTo(500.0f);  // in both windows
+    writeRaw(dir.file("in.raw"), frames);
+    const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
+                                           dir.file("out_%02d.png") + " --report " + dir.file("r.json"));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("no frame could be reconstructed"), std::string::npos) << run.err;
+    // The report says why; no image and no temporary file is left.
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir.path()))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"in.raw", "r.json"}));
+    const std::string report = readText(dir.file("r.json"));
+    EXPECT_EQ(reportIntegers(report, "fallbacks"), std::vector<long long>{2});
+    EXPECT_EQ(reportIntegers(report, "reconstructed"), std::vector<long long>{0});
+}
+
+TEST(SrCommand, ValuesKeepTheInputScaleAndSixteenBitOutputIsRoundedAndSaturated)
+{
+    krotest::TempDir dir;
+    // The real recording stretched beyond the 16-bit range on both sides,
+    // so that the 16-bit outputs must saturate.
+    const auto drive = readRaw<unsigned short>(kDriveCrop, cv::Size(160, 128));
+    ASSERT_EQ(drive.size(), 10u);
+    const double mean = cv::mean(drive[0])[0];
+    double low = 0.0, high = 0.0;
+    cv::minMaxLoc(drive[0], &low, &high);
+    const double gain = 80000.0 / (high - low);
+    std::vector<cv::Mat_<float>> frames;
+    for (const auto& f : drive) {
+        cv::Mat_<float> stretched;
+        f.convertTo(stretched, CV_32F, gain, 32768.0 - mean * gain);
+        frames.push_back(stretched);
+    }
+    writeRaw(dir.file("in.raw"), frames);
+    const std::string input = "--size 160x128 --format f32 " + dir.file("in.raw");
+
+    ASSERT_EQ(kroenhance(dir, "sr " + input + " -o " + dir.file("f.raw")).status, 0);
+    ASSERT_EQ(kroenhance(dir, "sr " + input + " --output-format u16 -o " + dir.file("u.raw")).status, 0);
+    ASSERT_EQ(kroenhance(dir, "sr " + input + " -o " + dir.file("p_%d.png")).status, 0);
+    const cv::Size high2(320, 256);
+    const auto exact = readRaw<float>(dir.file("f.raw"), high2);
+    const auto rounded = readRaw<unsigned short>(dir.file("u.raw"), high2);
+    ASSERT_EQ(exact.size(), 6u);
+    ASSERT_EQ(rounded.size(), 6u);
+    bool below = false, above = false;
+    for (std::size_t k = 0; k < exact.size(); ++k) {
+        // The input's scale: the reconstruction's mean is its reference frame's.
+        const double referenceMean = cv::mean(frames[k + 1])[0];
+        EXPECT_NEAR(cv::mean(exact[k])[0], referenceMean, 0.01 * 32768.0) << "frame " << k;
+        for (int i = 0; i < static_cast<int>(exact[k].total()); ++i) {
+            const double v = exact[k](i);
+            below |= v < -0.5;
+            above |= v >= 65535.5;
+            const double expected = std::min(65535.0, std::max(0.0, std::nearbyint(v)));
+            ASSERT_EQ(rounded[k](i), expected) << "frame " << k << " sample " << i << " from " << v;
+        }
+        const cv::Mat png = cv::imread(dir.file("p_" + std::to_string(k) + ".png"), cv::IMREAD_UNCHANGED);
+        ASSERT_EQ(png.type(), CV_16UC1);
+        EXPECT_IMAGES_EQUAL(rounded[k], png) << "frame " << k;
+    }
+    EXPECT_TRUE(below && above) << "the test input should reach beyond both ends of the 16-bit range";
+}
+
+TEST(SrCommand, FrameCountAndReferenceFollowTheWindow)
+{
+    krotest::TempDir dir;
+    const std::string input = "--size 160x128 --format u16 " + kDriveCrop;
+    const Result run = kroenhance(dir, "sr --window 3 --reference-index 0 --engine phase " + input + " -o " +
+                                           dir.file("w3.raw") + " --report " + dir.file("w3.json"));
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(fs::file_size(dir.file("w3.raw")), 8u * 320u * 256u * sizeof(float));
+    const std::string report = readText(dir.file("w3.json"));
+    // Reference index 0 is the newest frame of each window.
+    EXPECT_EQ(reportIntegers(report, "reference_input_index"), (std::vector<long long>{2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(reportIntegers(report, "output_index"), (std::vector<long long>{0, 1, 2, 3, 4, 5, 6, 7}));
+
+    ASSERT_EQ(kroenhance(dir, "sr --window 10 --reference-index 9 " + input + " -o " + dir.file("w10.tif")).status, 0);
+    std::vector<cv::Mat> pages;
+    ASSERT_TRUE(cv::imreadmulti(dir.file("w10.tif"), pages, cv::IMREAD_UNCHANGED));
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_EQ(pages[0].type(), CV_32FC1) << "TIFF keeps the float result";
+    EXPECT_EQ(pages[0].size(), cv::Size(320, 256));
+
+    const Result tooShort = kroenhance(dir, "sr --window 11 " + input + " -o " + dir.file("w11.raw"));
+    EXPECT_EQ(tooShort.status, 1);
+    EXPECT_NE(tooShort.err.find("a window of 11 needs at least 11"), std::string::npos) << tooShort.err;
+    EXPECT_FALSE(fs::exists(dir.file("w11.raw")));
+}
+
+} // namespace

@@ -1,0 +1,125 @@
+#!/usr/bin/env bash
+# kroenhance sr: help of every command, the report's JSON, option values the
+# engine refuses, bad inputs, exit statuses, and nothing left behind by a
+# failed run.
+set -u
+tool=$1
+source_dir=$2
+data="$source_dir/data/thermal/drive_crop_160x128x10_u16.raw"
+raw="--size 160x128 --format u16"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+# expect STATUS PATTERN ARGS...: runs the tool in an empty folder, checks the
+# exit status, that standard error matches PATTERN, and that the folder is
+# still empty when the run failed (no output, no temporary file).
+expect() {
+    local want=$1 pattern=$2
+    shift 2
+    local out="$work/out" err status
+    rm -rf "$out" && mkdir "$out"
+    err=$(cd "$out" && "$tool" "$@" 2>&1 >/dev/null)
+    status=$?
+    [ "$status" -eq "$want" ] || fail "kroenhance $* exited with $status, expected $want ($err)"
+    grep -qE -- "$pattern" <<<"$err" || fail "kroenhance $*: message '$err' does not match '$pattern'"
+    if [ "$want" -ne 0 ] && [ -n "$(ls -A "$out")" ]; then
+        fail "kroenhance $* failed but left $(ls -A "$out")"
+    fi
+}
+
+# --help of every command listed by the overview: status 0, its usage on
+# standard output, nothing on standard error.
+commands=$("$tool" --help | sed -n '/^Commands:/,/^$/p' | awk 'NR > 1 && NF { print $1 }')
+for command in sr demo tnr snr spr unsharp cluster; do
+    grep -qx "$command" <<<"$commands" || fail "the overview does not list $command: $commands"
+done
+for command in $commands; do
+    out=$("$tool" "$command" --help 2>"$work/err") || fail "$command --help exited with $?"
+    grep -q "^Usage: kroenhance $command" <<<"$out" || fail "$command --help shows no usage: $out"
+    [ -s "$work/err" ] && fail "$command --help wrote to standard error: $(cat "$work/err")"
+done
+for command in sr demo; do
+    "$tool" "$command" --help | grep -A2 "^Examples:" | grep -q "kroenhance $command" ||
+        fail "$command --help has no example"
+done
+"$tool" sr -h | grep -q -- "--reference-index N" || fail "sr -h does not list the engine options"
+
+# The report: valid JSON with every field, for a run with the phase engine
+# and a camera description.
+"$tool" sr $raw "$data" --engine phase --camera "camera k57 FOV 25" --quiet \
+    -o "$work/sr.raw" --report "$work/sr.json" 2>"$work/err" || fail "sr exited with $? ($(cat "$work/err"))"
+[ -s "$work/err" ] && fail "a clean run wrote to standard error: $(cat "$work/err")"
+python3 - "$work/sr.json" <<'PY' || fail "the report does not hold what it should"
+import json, sys
+report = json.load(open(sys.argv[1]))
+settings = report["settings"]
+assert settings["engine"] == "phase", settings
+assert abs(settings["psf_sigma"] - 0.35) < 1e-6, settings      # k57 with 25 degrees
+assert settings["camera_model"] == "mk57", settings
+assert (settings["window"], settings["reference_index"], settings["iterations"]) == (5, 3, 8), settings
+assert (settings["tv_weight"], settings["reg_error"], settings["rel_residue"]) == (400, 0.0001, 0.007), settings
+assert report["input"] == {"width": 160, "height": 128, "frames": 10}, report["input"]
+assert report["output"]["width"] == 320 and report["output"]["height"] == 256
+frames = report["frames"]
+assert len(frames) == report["output"]["frames"] == 6
+assert report["reconstructed"] + report["fallbacks"] == 6
+for k, f in enumerate(frames):
+    assert f["output_index"] == k and f["input_index"] == k + 4 and f["reference_input_index"] == k + 1, f
+    assert isinstance(f["code"], int)
+    if not f["fallback"]:
+        assert f["failure"] is None and f["quality"] == f["engine_value"] and 0 < f["quality"] <= 2, f
+        assert f["registration_ms"] > 0 and f["minimization_ms"] > 0, f
+    assert f["total_ms"] >= f["registration_ms"] + f["minimization_ms"], f
+    assert [w["input_index"] for w in f["window"]] == list(range(k, k + 5)), f
+    reference = f["window"][1]
+    assert reference["shift"] == [0, 0] and reference["masked_fraction"] == 0, reference
+    for w in f["window"]:
+        assert len(w["shift"]) == 2 and 0 <= w["masked_fraction"] <= 1, w
+PY
+[ "$(stat -c %s "$work/sr.raw")" -eq $((6 * 320 * 256 * 4)) ] || fail "sr.raw is not 6 frames of 320x256 f32"
+
+# Values the engine refuses: its own message, exit 2.
+expect 2 "option --tv-weight: Invalid total-variation term weight specified. \(got 0.5; accepted: 1 or more\)" \
+    sr --tv-weight 0.5 $raw "$data" -o o.raw
+expect 2 "option --rel-residue: Invalid total-variation term weight specified" sr --rel-residue 1e-7 $raw "$data" -o o.raw
+expect 2 "option --reg-error: Invalid maximum registration error specified" sr --reg-error 1.5 $raw "$data" -o o.raw
+expect 2 "option --reg-error: Invalid maximum registration error specified" sr --reg-error 0 $raw "$data" -o o.raw
+expect 2 "option --iterations: Invalid maximum number of iterations specified" sr --iterations 0 $raw "$data" -o o.raw
+expect 2 "option --psf-sigma: Invalid standard deviation of the sensor psf specified" sr --psf-sigma -1 $raw "$data" -o o.raw
+expect 2 "option --reference-index: Invalid reference index specified. \(got 5; accepted: 0 to 4" \
+    sr --reference-index 5 $raw "$data" -o o.raw
+expect 2 "option --reference-index: Invalid reference index specified. \(got 3; accepted: 0 to 2 with a window of 3\)" \
+    sr --window 3 $raw "$data" -o o.raw
+expect 2 "option --window: Invalid reference index specified" sr --window 0 $raw "$data" -o o.raw
+expect 2 "option --window: 65 frames is more than the 64" sr --window 65 $raw "$data" -o o.raw
+expect 2 "unknown engine \"fft\"" sr --engine fft $raw "$data" -o o.raw
+expect 2 "either --psf-sigma or --camera" sr --psf-sigma 0.5 --camera "k41 FOV 30" $raw "$data" -o o.raw
+expect 2 "not a number" sr --tv-weight many $raw "$data" -o o.raw
+# A refused value is reported before any file is looked at.
+expect 2 "option --tv-weight" sr --tv-weight 0 $raw missing.raw -o o.raw
+
+# Bad command lines and inputs.
+expect 2 "-o is required" sr $raw "$data"
+expect 2 "no input given" sr -o o.raw
+expect 2 "needs both --size" sr --size 160x128 "$data" -o o.raw
+expect 2 "unknown format \"u12\"" sr --size 160x128 --format u12 "$data" -o o.raw
+expect 2 "unknown option --bogus" sr --bogus $raw "$data" -o o.raw
+expect 2 "report and the output must be different" sr $raw "$data" -o same.json --report same.json
+expect 1 "not a whole number of 160x120 u16 frames" sr --size 160x120 --format u16 "$data" -o o.raw
+expect 1 "cannot open input .*missing.raw.*no such file" sr $raw missing.raw -o o.raw
+head -c $((4 * 160 * 128 * 2)) "$data" >"$work/four.raw"
+expect 1 "the input holds 4 frames; a window of 5 needs at least 5" sr $raw "$work/four.raw" -o o.raw
+head -c $((5 * 161 * 128 * 2)) "$data" >"$work/odd.raw"
+expect 1 "the phase engine cannot work on 161x128 frames" sr --engine phase --size 161x128 --format u16 \
+    "$work/odd.raw" -o o.raw
+printf 'not an image' >"$work/fake.png"
+expect 1 "cannot read image" sr "$work/fake.png" -o o.raw
+expect 1 "holds one image" sr $raw "$data" -o single.png
+head -c $((5 * 160 * 128 * 4)) /dev/zero | tr '\0' '\377' >"$work/nan.raw"   # all bytes 0xff: NaN floats
+expect 1 "input frame 0 holds NaN or infinite samples" sr --size 160x128 --format f32 "$work/nan.raw" -o o.raw
+
+# An undecodable camera description keeps the default blur, with a warning.
+expect 0 "no camera model and field of view found in \"k99\"; the default sensor blur 0.683" \
+    sr --camera k99 $raw "$data" -o o.raw --quiet
+echo "ok"
