@@ -113,6 +113,7 @@ expect 1 "the input holds 4 frames; a window of 5 needs at least 5" sr $raw "$wo
 head -c $((5 * 161 * 128 * 2)) "$data" >"$work/odd.raw"
 expect 1 "the phase engine cannot work on 161x128 frames" sr --engine phase --size 161x128 --format u16 \
     "$work/odd.raw" -o o.raw
+expect 1 "cannot create .*nodir/r.json" sr $raw "$data" -o o.raw --report nodir/r.json
 printf 'not an image' >"$work/fake.png"
 expect 1 "cannot read image" sr "$work/fake.png" -o o.raw
 expect 1 "holds one image" sr $raw "$data" -o single.png

@@ -1,5 +1,6 @@
 // kroenhance sr: multi-frame super-resolution of a recording.
 #include <iostream>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -105,6 +106,11 @@ int runSr(const std::vector<std::string>& args)
     SrSession session(settings, reader.frameSize());
     const SampleFormat rawFormat = output.formatGiven ? output.format : SampleFormat::F32;
     FrameWriter writer(output.path, rawFormat);
+    // Made now so that a report that cannot be written stops the run before
+    // the work rather than after it.
+    std::unique_ptr<AtomicFile> report;
+    if (!reportPath.empty())
+        report = std::make_unique<AtomicFile>(reportPath);
 
     velmor::kro::StopWatch clock;
     clock.start();
@@ -146,7 +152,7 @@ int runSr(const std::vector<std::string>& args)
         fallbacks += r.fallback() ? 1 : 0;
     const bool noneReconstructed = fallbacks == static_cast<long long>(records.size());
 
-    if (!reportPath.empty()) {
+    if (report) {
         SrRunSummary run;
         run.settings = settings;
         run.inputSize = session.frameSize();
@@ -154,19 +160,14 @@ int runSr(const std::vector<std::string>& args)
         run.outputPath = output.path;
         run.outputSize = session.outputSize();
         run.seconds = clock.stop();
-        AtomicFile report(reportPath);
-        writeSrReport(report.stream(), run, records);
-        if (noneReconstructed) {
-            // The report says why each frame failed; the frames themselves
-            // are not kept.
-            report.commit();
-        } else {
-            writer.commit();
-            report.commit();
-        }
-    } else if (!noneReconstructed) {
-        writer.commit();
+        writeSrReport(report->stream(), run, records);
     }
+    // When nothing could be reconstructed the report (it says why for each
+    // frame) is kept, the frames are not.
+    if (!noneReconstructed)
+        writer.commit();
+    if (report)
+        report->commit();
     if (noneReconstructed)
         throw RunError("no frame could be reconstructed; no output written" +
                        std::string(reportPath.empty() ? " (--report lists every frame)" : ""));
