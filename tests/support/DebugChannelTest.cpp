@@ -16,37 +16,26 @@ namespace velmor {
 namespace kro {
 namespace {
 
-struct Recorded {
-    std::string channel;
-    std::string message;
-    int level;
-};
-
+// Keeps "channel|message|level" per message.
 class RecordingDevice : public DebugDeviceBase {
 public:
     void write(const std::string& channel, const std::string& message, int level) override
     {
-        messages.push_back({channel, message, level});
+        lines.push_back(channel + "|" + message + "|" + std::to_string(level));
     }
-    std::vector<Recorded> messages;
+    std::vector<std::string> lines;
 };
+using Lines = std::vector<std::string>;
 
-TEST(DebugChannel, NewChannelIsSilent)
+TEST(DebugChannel, OutputLevelGatesWhatReachesTheDeviceAndANewChannelIsSilent)
 {
     auto device = std::make_shared<RecordingDevice>();
     DebugChannel channel("SrFloat");
     channel.setDebugDevice(device);
-    channel.send("start computeSr", kDebugLevelTrace);
-    channel.trace("start computeSr");
+    channel.trace("start computeSr");  // levels start at 0
     EXPECT_FALSE(channel.isDebugActive(1));
-    EXPECT_TRUE(device->messages.empty());
-}
+    EXPECT_TRUE(device->lines.empty());
 
-TEST(DebugChannel, OutputLevelGatesWhatReachesTheDevice)
-{
-    auto device = std::make_shared<RecordingDevice>();
-    DebugChannel channel("SrFloat");
-    channel.setDebugDevice(device);
     channel.setOutputLevel(10);
     EXPECT_TRUE(channel.isDebugActive(10));
     EXPECT_FALSE(channel.isDebugActive(kDebugLevelTrace));
@@ -54,24 +43,19 @@ TEST(DebugChannel, OutputLevelGatesWhatReachesTheDevice)
     channel.trace("start computeSr");  // level 11: above the output level
     channel.send("summary", 3);
     channel.send("level zero", 0);
-    ASSERT_EQ(1u, device->messages.size());
-    EXPECT_EQ("SrFloat", device->messages[0].channel);
-    EXPECT_EQ("summary", device->messages[0].message);
-    EXPECT_EQ(3, device->messages[0].level);
+    EXPECT_EQ(Lines{"SrFloat|summary|3"}, device->lines);
 
     channel.setOutputLevel(kDebugLevelTrace);
     channel.trace("start computeSr");
-    ASSERT_EQ(2u, device->messages.size());
-    EXPECT_EQ("start computeSr", device->messages[1].message);
-    EXPECT_EQ(kDebugLevelTrace, device->messages[1].level);
+    EXPECT_EQ((Lines{"SrFloat|summary|3", "SrFloat|start computeSr|11"}), device->lines);
 }
 
-TEST(DebugChannel, WithoutADeviceOnlyTheLogLevelMakesItActive)
+TEST(DebugChannel, LogLevelSendsToTheLogAndConsoleDeviceWritesOneLine)
 {
     DebugChannel channel("SrInt");
-    channel.setOutputLevel(20);
+    channel.setOutputLevel(20);  // no device: the output level alone activates nothing
     EXPECT_FALSE(channel.isDebugActive(kDebugLevelTrace));
-    channel.send("nowhere to go", 5);  // must not crash
+    channel.send("nowhere to go", 5);
 
     krotest::TempDir dir;
     LogFacility& log = LogFacility::getInstance();
@@ -86,6 +70,12 @@ TEST(DebugChannel, WithoutADeviceOnlyTheLogLevelMakesItActive)
     std::stringstream text;
     text << in.rdbuf();
     EXPECT_EQ("[SrInt] end computeSr\n", text.str());
+
+    channel.setDebugDevice(std::make_shared<DebugDeviceConsole>());
+    channel.setLogLevel(0);
+    testing::internal::CaptureStderr();
+    channel.trace("start prepareFrame");
+    EXPECT_EQ("[SrInt] start prepareFrame\n", testing::internal::GetCapturedStderr());
 }
 
 TEST(DebugChannel, CopiesKeepSettingsAndRegisterThemselves)
@@ -97,7 +87,7 @@ TEST(DebugChannel, CopiesKeepSettingsAndRegisterThemselves)
     DebugChannel copy(original);
     EXPECT_TRUE(DebugSingleton::getInstance().isRegistered(&copy));
     copy.trace("from the copy");
-    ASSERT_EQ(1u, device->messages.size());
+    EXPECT_EQ(Lines{"SrFloat|from the copy|11"}, device->lines);
 
     DebugChannel assigned("other");
     assigned = original;
@@ -105,17 +95,7 @@ TEST(DebugChannel, CopiesKeepSettingsAndRegisterThemselves)
     EXPECT_TRUE(DebugSingleton::getInstance().isRegistered(&assigned));
 }
 
-TEST(DebugChannel, ConsoleDeviceWritesOneLinePerMessage)
-{
-    DebugChannel channel("SrFloat");
-    channel.setDebugDevice(std::make_shared<DebugDeviceConsole>());
-    channel.setOutputLevel(kDebugLevelTrace);
-    testing::internal::CaptureStderr();
-    channel.trace("start prepareFrame");
-    EXPECT_EQ("[SrFloat] start prepareFrame\n", testing::internal::GetCapturedStderr());
-}
-
-TEST(DebugSingleton, ConfiguresRegisteredChannelsByName)
+TEST(DebugSingleton, ConfiguresRegisteredChannelsByNameAndForgetsDestroyedOnes)
 {
     auto device = std::make_shared<RecordingDevice>();
     DebugChannel a("SrFloat"), b("SrFloat"), c("SrInt");
@@ -125,20 +105,14 @@ TEST(DebugSingleton, ConfiguresRegisteredChannelsByName)
     a.trace("a");
     b.trace("b");
     c.trace("c");
-    ASSERT_EQ(2u, device->messages.size());
-    EXPECT_EQ("a", device->messages[0].message);
-    EXPECT_EQ("b", device->messages[1].message);
+    EXPECT_EQ((Lines{"SrFloat|a|11", "SrFloat|b|11"}), device->lines);
     EXPECT_EQ(nullptr, c.getDebugDevice());
-}
 
-TEST(DebugSingleton, DestroyedChannelIsNoLongerReached)
-{
-    DebugSingleton& registry = DebugSingleton::getInstance();
     const std::size_t before = registry.getChannelCount();
     const DebugChannel* address = nullptr;
     {
-        auto channel = std::make_unique<DebugChannel>("short-lived");
-        address = channel.get();
+        auto shortLived = std::make_unique<DebugChannel>("short-lived");
+        address = shortLived.get();
         EXPECT_TRUE(registry.isRegistered(address));
         EXPECT_EQ(before + 1, registry.getChannelCount());
     }
