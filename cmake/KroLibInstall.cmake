@@ -37,3 +37,7 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/krolib-enhancement.pc.in
                ${PROJECT_BINARY_DIR}/krolib-enhancement.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/krolib-enhancement.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The bundled thermal data (with its licence), which `kroenhance demo` uses.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/data/thermal
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/krolib/data)

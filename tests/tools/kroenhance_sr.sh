@@ -39,7 +39,7 @@ for command in $commands; do
     grep -q "^Usage: kroenhance $command" <<<"$out" || fail "$command --help shows no usage: $out"
     [ -s "$work/err" ] && fail "$command --help wrote to standard error: $(cat "$work/err")"
 done
-for command in sr demo; do
+for command in $commands; do
     "$tool" "$command" --help | grep -A2 "^Examples:" | grep -q "kroenhance $command" ||
         fail "$command --help has no example"
 done

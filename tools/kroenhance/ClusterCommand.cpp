@@ -61,7 +61,10 @@ int runCluster(const std::vector<std::string>& args)
                      "  --window N      2..1000 (default 8): frames of the standard deviation\n"
                      "  --mode M        median or gaussian (default median): the 3x3 smoothing\n"
                      "  --save-map F    also write the learnt map (float) to F (.pfm or .tif)\n"
-                  << kFrameIoHelp;
+                  << kFrameIoHelp
+                  << "\nExamples:\n"
+                     "  kroenhance cluster --size 640x512 --format u16 drive.raw -o drive_cluster.raw\n"
+                     "  kroenhance cluster --window 16 --save-map map.pfm --size 640x512 --format u16 drive.raw -o out.raw\n";
         return kExitOk;
     }
     const double stdLimit = cli.doubleOption("--std-limit", 10.0, 0.0, 1e30);

@@ -23,7 +23,10 @@ int runSnr(const std::vector<std::string>& args)
                      "\n"
                      "Options:\n"
                      "  --gain N    0..31 (default 6): smoothing strength; 0 passes frames unchanged\n"
-                  << kFrameIoHelp;
+                  << kFrameIoHelp
+                  << "\nExamples:\n"
+                     "  kroenhance snr --size 640x512 --format s16 drive.raw -o drive_snr.raw\n"
+                     "  kroenhance snr --gain 3 frame.png -o frame_snr.png\n";
         return kExitOk;
     }
     const int gain = static_cast<int>(cli.intOption("--gain", 6, 0, 31));

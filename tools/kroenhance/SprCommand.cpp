@@ -27,7 +27,10 @@ int runSpr(const std::vector<std::string>& args)
                      "                   flat; 0 stops the learning\n"
                      "  --line-limit N   0..31 (default 12): bound of the column pattern\n"
                      "  --frame-limit N  0..31 (default 16): bound of the pixel pattern\n"
-                  << kFrameIoHelp;
+                  << kFrameIoHelp
+                  << "\nExamples:\n"
+                     "  kroenhance spr --size 640x512 --format u16 drive.raw -o drive_spr.raw\n"
+                     "  kroenhance spr --threshold 30 --frame-limit 8 recording.tif -o clean.tif\n";
         return kExitOk;
     }
     const int threshold = static_cast<int>(cli.intOption("--threshold", 22, 0, 100));

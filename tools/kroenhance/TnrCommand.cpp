@@ -30,7 +30,10 @@ int runTnr(const std::vector<std::string>& args)
                      "  --feedback-factor N   0..100 (default 60): base feedback strength, percent\n"
                      "  --hw-units            take the control gain and feedback factor as raw\n"
                      "                        hardware register values\n"
-                  << kFrameIoHelp;
+                  << kFrameIoHelp
+                  << "\nExamples:\n"
+                     "  kroenhance tnr --size 640x512 --format u16 drive.raw -o drive_tnr.raw\n"
+                     "  kroenhance tnr --feedback-factor 80 frames_*.png -o tnr_%04d.png\n";
         return kExitOk;
     }
     const int gain = static_cast<int>(cli.intOption("--control-gain", 10, 0, 10));

@@ -27,7 +27,10 @@ int runUnsharp(const std::vector<std::string>& args)
                      "  --amount X     0..20 (default 1.0): strength\n"
                      "  --sigma X      0.1..50 (default 1.0): blur radius in pixels\n"
                      "  --threshold X  0..1 (default 0): share of full scale a pixel must stand out\n"
-                  << kFrameIoHelp;
+                  << kFrameIoHelp
+                  << "\nExamples:\n"
+                     "  kroenhance unsharp frame.pfm -o sharp.pfm\n"
+                     "  kroenhance unsharp --amount 2 --sigma 1.5 display_*.png -o sharp_%04d.png\n";
         return kExitOk;
     }
     const double amount = cli.doubleOption("--amount", 1.0, 0.0, 20.0);
