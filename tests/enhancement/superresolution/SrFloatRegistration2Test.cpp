@@ -469,7 +469,10 @@ TEST(SrFloatRegistration2, RejectsBadArguments)
     char** m = r.maskPtrs.data();
     float** w = r.workPtrs.data();
     PointF* s = r.shifts.data();
-    EXPECT_THROW(reg.doRegistration(3, 0, f, s, m, w), Exception);   // beyond prepared
+    std::vector<cv::Mat_<float>> three = {frames[0], frames[1], frames[1].clone()};
+    Registered r3(three);  // the caller's arrays hold what it claims
+    EXPECT_THROW(reg.doRegistration(3, 0, r3.framePtrs.data(), r3.shifts.data(), r3.maskPtrs.data(), r3.workPtrs.data()),
+                 Exception);  // beyond prepared
     EXPECT_THROW(reg.doRegistration(1, 0, f, s, m, w), Exception);   // fewer than prepared
     EXPECT_THROW(reg.doRegistration(2, 2, f, s, m, w), Exception);   // reference
     EXPECT_THROW(reg.doRegistration(2, -1, f, s, m, w), Exception);
