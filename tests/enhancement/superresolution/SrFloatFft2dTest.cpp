@@ -151,9 +151,9 @@ TEST(SrFloatFft2d, ResultsDoNotDependOnThreadsOrAlignmentAndRoundTripsScale)
         auto run = [&](int threads, std::size_t offset) {
             omp_set_num_threads(threads);
             std::vector<float> result;
-            cv::Mat_<float> in(1, int(pixels + 16)), out(1, int(pixels + 16)), spec(1, int(floats + 16));
+            cv::Mat_<float> in(1, int(pixels + 16)), out(1, int(pixels + 16)), store(1, int(floats + 16));
             float *image0 = in.ptr<float>() + offset, *out0 = out.ptr<float>() + offset;
-            float* spectrum0 = spec.ptr<float>() + 2 * offset;
+            float* spectrum0 = store.ptr<float>() + 2 * offset;
             std::memcpy(image0, image.ptr<float>(), pixels * sizeof(float));
             fft.forward(image0, reinterpret_cast<float(*)[2]>(spectrum0));
             result.assign(spectrum0, spectrum0 + floats);
