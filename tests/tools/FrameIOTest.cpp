@@ -36,19 +36,19 @@ std::vector<cv::Mat> readAll(FrameReader& reader)
 
 InputSpec rawInput(const std::string& path, cv::Size size, SampleFormat format)
 {
-    InputSpec spec;
-    spec.paths = {path};
-    spec.raw = true;
-    spec.size = size;
-    spec.format = format;
-    return spec;
+    InputSpec request;
+    request.paths = {path};
+    request.raw = true;
+    request.size = size;
+    request.format = format;
+    return request;
 }
 
 InputSpec imageInput(std::vector<std::string> paths)
 {
-    InputSpec spec;
-    spec.paths = std::move(paths);
-    return spec;
+    InputSpec request;
+    request.paths = std::move(paths);
+    return request;
 }
 
 void writeBytes(const std::string& path, std::size_t count)
@@ -114,9 +114,9 @@ TEST(FrameIO, SeveralRawFilesFormOneRecording)
         writer.write(frame);
         writer.commit();
     }
-    InputSpec spec = rawInput(dir.file("a.raw"), {3, 2}, SampleFormat::U16);
-    spec.paths.push_back(dir.file("b.raw"));
-    FrameReader reader(spec);
+    InputSpec request = rawInput(dir.file("a.raw"), {3, 2}, SampleFormat::U16);
+    request.paths.push_back(dir.file("b.raw"));
+    FrameReader reader(request);
     EXPECT_EQ(reader.frameCount(), 4);
     const auto frames = readAll(reader);
     ASSERT_EQ(frames.size(), 4u);
@@ -129,9 +129,9 @@ TEST(FrameIO, BadRawInputsAreRefusedWithTheirReason)
     krotest::TempDir dir;
     writeBytes(dir.file("odd.raw"), 2 * 6 * 2 + 1);
     writeBytes(dir.file("empty.raw"), 0);
-    const auto message = [&](const InputSpec& spec) -> std::string {
+    const auto message = [&](const InputSpec& request) -> std::string {
         try {
-            FrameReader reader(spec);
+            FrameReader reader(request);
         } catch (const RunError& e) {
             return e.what();
         }

@@ -262,56 +262,56 @@ std::string describeFrame(const cv::Size& size, int type)
 
 InputSpec inputFromCommandLine(Cli& cli)
 {
-    InputSpec spec;
+    InputSpec request;
     const bool hasSize = cli.has("--size");
     const bool hasFormat = cli.has("--format");
     int width = 0, height = 0;
     cli.sizeOption("--size", width, height);
     const std::string format = cli.stringOption("--format", "");
-    spec.paths = cli.positionals(1);
+    request.paths = cli.positionals(1);
     if (hasSize || hasFormat) {
         if (!hasSize || !hasFormat)
             throw UsageError("a raw stream needs both --size WxH and --format s16|u16|s32|f32");
-        for (const std::string& path : spec.paths)
+        for (const std::string& path : request.paths)
             if (isImageFileName(path))
                 throw UsageError("--size and --format describe raw streams; the image file " +
                                  inQuotes(path) + " carries its own size and type");
-        spec.raw = true;
-        spec.size = cv::Size(width, height);
-        spec.format = parseSampleFormat("--format", format);
+        request.raw = true;
+        request.size = cv::Size(width, height);
+        request.format = parseSampleFormat("--format", format);
     } else {
-        for (const std::string& path : spec.paths)
+        for (const std::string& path : request.paths)
             if (!isImageFileName(path))
                 throw UsageError("input " + inQuotes(path) +
                                  " is not an image file (.png, .tif, .tiff, .pgm, .pnm, .pfm); "
                                  "give --size WxH and --format for a raw stream");
     }
-    return spec;
+    return request;
 }
 
 OutputSpec outputFromCommandLine(Cli& cli)
 {
-    OutputSpec spec;
-    spec.path = cli.requiredString("-o");
-    if (spec.path.empty())
+    OutputSpec request;
+    request.path = cli.requiredString("-o");
+    if (request.path.empty())
         throw UsageError("option -o needs a file name");
     if (cli.has("--output-format")) {
-        spec.formatGiven = true;
-        spec.format = parseSampleFormat("--output-format", cli.stringOption("--output-format", ""));
-        if (isImageFileName(spec.path))
+        request.formatGiven = true;
+        request.format = parseSampleFormat("--output-format", cli.stringOption("--output-format", ""));
+        if (isImageFileName(request.path))
             throw UsageError("--output-format applies to raw streams, not to the image output " +
-                             inQuotes(spec.path));
+                             inQuotes(request.path));
     }
-    if (spec.path.find('%') != std::string::npos) {
-        if (!isImageFileName(spec.path))
+    if (request.path.find('%') != std::string::npos) {
+        if (!isImageFileName(request.path))
             throw UsageError("option -o: a numbered pattern needs an image extension, got " +
-                             inQuotes(spec.path));
-        if (!validPattern(spec.path))
-            throw UsageError("option -o: " + inQuotes(spec.path) +
+                             inQuotes(request.path));
+        if (!validPattern(request.path))
+            throw UsageError("option -o: " + inQuotes(request.path) +
                              " must hold exactly one number conversion such as %04d "
                              "(write %% for a percent sign)");
     }
-    return spec;
+    return request;
 }
 
 SampleFormat outputRawFormat(const OutputSpec& output, const InputSpec& input, int frameDepth)
@@ -342,7 +342,7 @@ const char* const kFrameIoHelp =
 // ---------------------------------------------------------------------------
 
 struct FrameReader::Impl {
-    InputSpec spec;
+    InputSpec request;
     cv::Size size;
     int type = -1;
     long long count = -1;
@@ -357,12 +357,12 @@ struct FrameReader::Impl {
 
     void openRaw()
     {
-        frameBytes = static_cast<std::size_t>(spec.size.width) * spec.size.height *
-                     sampleFormatBytes(spec.format);
-        size = spec.size;
-        type = CV_MAKETYPE(sampleFormatDepth(spec.format), 1);
+        frameBytes = static_cast<std::size_t>(request.size.width) * request.size.height *
+                     sampleFormatBytes(request.format);
+        size = request.size;
+        type = CV_MAKETYPE(sampleFormatDepth(request.format), 1);
         count = 0;
-        for (const std::string& path : spec.paths) {
+        for (const std::string& path : request.paths) {
             requireInputFile(path);
             std::error_code error;
             const std::uintmax_t bytes = fs::file_size(path, error);
@@ -371,7 +371,7 @@ struct FrameReader::Impl {
             if (bytes % frameBytes != 0) {
                 std::ostringstream why;
                 why << "input " << inQuotes(path) << " holds " << bytes << " bytes, not a whole number of "
-                    << spec.size.width << "x" << spec.size.height << " " << sampleFormatName(spec.format)
+                    << request.size.width << "x" << request.size.height << " " << sampleFormatName(request.format)
                     << " frames of " << frameBytes << " bytes (check --size and --format)";
                 throw RunError(why.str());
             }
@@ -384,7 +384,7 @@ struct FrameReader::Impl {
 
     void openImages()
     {
-        pending = loadImageFile(spec.paths[0]);
+        pending = loadImageFile(request.paths[0]);
         size = pending[0].size();
         type = pending[0].type();
         fileIndex = 1;
@@ -399,7 +399,7 @@ struct FrameReader::Impl {
         framesLeftInFile = 0;
         pending.clear();
         pendingIndex = 0;
-        if (!spec.raw)
+        if (!request.raw)
             openImages();
     }
 
@@ -408,9 +408,9 @@ struct FrameReader::Impl {
         while (framesLeftInFile == 0) {
             stream.close();
             stream.clear();
-            if (fileIndex >= spec.paths.size())
+            if (fileIndex >= request.paths.size())
                 return false;
-            const std::string& path = spec.paths[fileIndex];
+            const std::string& path = request.paths[fileIndex];
             stream.open(path, std::ios::binary);
             if (!stream)
                 throw RunError("cannot open input " + inQuotes(path) + ": " + systemError());
@@ -420,7 +420,7 @@ struct FrameReader::Impl {
         frame = cv::Mat(size, type);  // a buffer of its own: callers may keep frames
         stream.read(reinterpret_cast<char*>(frame.data), static_cast<std::streamsize>(frameBytes));
         if (static_cast<std::size_t>(stream.gcount()) != frameBytes)
-            throw RunError("input " + inQuotes(spec.paths[fileIndex - 1]) +
+            throw RunError("input " + inQuotes(request.paths[fileIndex - 1]) +
                            " ended early (changed while being read?)");
         --framesLeftInFile;
         if (!hostIsLittleEndian())
@@ -431,28 +431,28 @@ struct FrameReader::Impl {
     bool readImage(cv::Mat& frame)
     {
         while (pendingIndex >= pending.size()) {
-            if (fileIndex >= spec.paths.size())
+            if (fileIndex >= request.paths.size())
                 return false;
-            pending = loadImageFile(spec.paths[fileIndex]);
+            pending = loadImageFile(request.paths[fileIndex]);
             pendingIndex = 0;
             ++fileIndex;
         }
         frame = pending[pendingIndex];
         pending[pendingIndex++].release();
         if (frame.size() != size || frame.type() != type)
-            throw RunError("image " + inQuotes(spec.paths[fileIndex - 1]) + " holds a " +
+            throw RunError("image " + inQuotes(request.paths[fileIndex - 1]) + " holds a " +
                            describeFrame(frame.size(), frame.type()) + " frame, unlike the first (" +
                            describeFrame(size, type) + ")");
         return true;
     }
 };
 
-FrameReader::FrameReader(const InputSpec& spec) : impl_(new Impl)
+FrameReader::FrameReader(const InputSpec& request) : impl_(new Impl)
 {
-    impl_->spec = spec;
-    if (spec.paths.empty())
+    impl_->request = request;
+    if (request.paths.empty())
         throw UsageError("no input given");
-    if (spec.raw)
+    if (request.raw)
         impl_->openRaw();
     else
         impl_->openImages();
@@ -462,7 +462,7 @@ FrameReader::~FrameReader() = default;
 
 bool FrameReader::read(cv::Mat& frame)
 {
-    return impl_->spec.raw ? impl_->readRaw(frame) : impl_->readImage(frame);
+    return impl_->request.raw ? impl_->readRaw(frame) : impl_->readImage(frame);
 }
 
 void FrameReader::rewind() { impl_->restart(); }

@@ -89,7 +89,7 @@ class FrameReader {
 public:
     // Checks every input (exists, whole number of frames for raw streams) and
     // reads the first image file to learn the frame size and type.
-    explicit FrameReader(const InputSpec& spec);
+    explicit FrameReader(const InputSpec& request);
     ~FrameReader();
     FrameReader(const FrameReader&) = delete;
     FrameReader& operator=(const FrameReader&) = delete;
