@@ -54,11 +54,14 @@ std::string& lastError()
     return text;
 }
 
+bool loggingOn()
+{
+    return LogFacility::getInstance().getLogLevel() >= velmor::kro::LOG_DEBUG;
+}
+
 void logLine(int line, const std::string& text)
 {
     LogFacility& log = LogFacility::getInstance();
-    if (log.getLogLevel() < velmor::kro::LOG_DEBUG)
-        return;
     if (log.getSourcePosition()) {
         std::ostringstream prefixed;
         prefixed << kSourcePath << ", " << line << " : " << text;
@@ -76,7 +79,12 @@ std::string concat(const Parts&... parts)
     return text.str();
 }
 
-#define KRO_LOG(...) logLine(__LINE__, concat(__VA_ARGS__))
+// The line is only composed when logging is on: most calls run with it off.
+#define KRO_LOG(...)                                   \
+    do {                                               \
+        if (loggingOn())                               \
+            logLine(__LINE__, concat(__VA_ARGS__));    \
+    } while (false)
 
 ContextSlot* validContext(int handle)
 {
