@@ -1,7 +1,6 @@
 // The C interface, exercised through its C header as a C caller would.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "LogFacility.h"
+#include "ShiftedFrames.h"
 #include "SuperResolutionCAdapter.h"
 #include "detail/CInterfaceAccess.h"
 #include "TestImages.h"
@@ -32,22 +32,13 @@ std::string lastError()
 // Frames of one textured scene, each moved by a known sub-pixel shift.
 std::vector<cv::Mat_<float>> shiftedFrames(int count, std::uint64_t seed)
 {
-    const cv::Mat_<float> scene = krotest::texturedScene(kHeight * 2, kWidth * 2, seed);
-    std::vector<cv::Mat_<float>> frames;
-    for (int i = 0; i < count; ++i) {
-        const float dx = 0.5f * static_cast<float>(i % 3) + 0.25f * static_cast<float>(i % 2);
-        const float dy = 0.5f * static_cast<float>((i + 1) % 3);
-        cv::Mat_<float> moved;
-        const cv::Mat transform = (cv::Mat_<double>(2, 3) << 1, 0, -dx, 0, 1, -dy);
-        cv::warpAffine(scene, moved, transform, scene.size(), cv::INTER_CUBIC, cv::BORDER_REFLECT);
-        cv::Mat_<float> small;
-        cv::resize(moved, small, cv::Size(kWidth, kHeight), 0, 0, cv::INTER_AREA);
-        frames.push_back(small);
-    }
-    return frames;
+    std::vector<velmor::kro::PointF> shifts;
+    for (int i = 0; i < count; ++i)
+        shifts.emplace_back(0.25f * (i % 3) + 0.125f * (i % 2), 0.25f * ((i + 1) % 3));
+    return krotest::makeShiftedFrames(krotest::texturedScene(kHeight * 2, kWidth * 2, seed), 2, shifts, 0.0, 0.0, 0);
 }
 
-// Every test starts and ends with an empty context table.
+// Every test starts and ends with an empty context table and no log.
 class CInterface : public ::testing::Test {
 protected:
     void TearDown() override
@@ -79,7 +70,7 @@ TEST_F(CInterface, HandlesAreSlotIndicesReusedLowestFirst)
     EXPECT_EQ(1, init());
 }
 
-TEST_F(CInterface, InvalidHandlesAreRefusedByEveryCheckedCall)
+TEST_F(CInterface, InvalidHandlesAreRefusedWithAMessageCopiedLikeStrncpy)
 {
     init();
     init();
@@ -95,25 +86,23 @@ TEST_F(CInterface, InvalidHandlesAreRefusedByEveryCheckedCall)
         EXPECT_EQ(-999, SuperResolution_getSuperresolutionImage(handle, mosaic.data())) << handle;
         EXPECT_EQ(-999, SuperResolution_setReferenceFrame(handle, 2)) << handle;
     }
-}
 
-TEST_F(CInterface, ErrorMessageHasStrncpySemantics)
-{
-    EXPECT_EQ(-999, SuperResolution_release(-1));
+    // Nothing written beyond size and no terminating zero when the text is
+    // longer; padded with zeros when it is shorter.
     char small[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
     EXPECT_EQ(0, SuperResolution_getErrorMessage(small, 4));
-    EXPECT_EQ(0, std::memcmp("Cont", small, 4));
-    EXPECT_EQ('x', small[4]);  // nothing written beyond size, no terminating zero
-
+    EXPECT_EQ(0, std::memcmp("Contx", small, 5));
     char large[24];
     std::memset(large, 'x', sizeof(large));
     SuperResolution_getErrorMessage(large, sizeof(large));
-    EXPECT_STREQ("Context invalid.", large);
-    for (std::size_t i = std::strlen("Context invalid."); i < sizeof(large); ++i)
-        EXPECT_EQ('\0', large[i]) << i;  // padded with zeros
+    EXPECT_EQ(0, std::memcmp("Context invalid.\0\0\0\0\0\0\0", large, sizeof(large)));
 }
 
-TEST_F(CInterface, FirstFourImagesComputeNothingAndTheFifthDoes)
+// Images count towards the five of a window even when they are reported as
+// flat; from the fifth on each runs a reconstruction, which
+// getSuperresolutionImage copies without recomputing. Bad buffers are
+// reported, never written through.
+TEST_F(CInterface, TheFifthImageReconstructsAndFlatImagesCount)
 {
     const int handle = init();
     const std::vector<cv::Mat_<float>> frames = shiftedFrames(6, 11);
@@ -122,57 +111,47 @@ TEST_F(CInterface, FirstFourImagesComputeNothingAndTheFifthDoes)
     EXPECT_EQ(-5, SuperResolution_queryOutputImageSize(handle, &w, &h));  // no image yet
     EXPECT_EQ(2 * kWidth, w);
     EXPECT_EQ(2 * kHeight, h);
-    for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(-999, SuperResolution_addImage(handle, nullptr));
+    EXPECT_EQ("ir image data pointer is NULL", lastError());
+    EXPECT_EQ(-5, SuperResolution_getSuperresolutionImage(handle, nullptr));  // -5 wins over NULL
+
+    const std::vector<float> flat(kWidth * kHeight, 1000.0f);
+    EXPECT_EQ(-4, SuperResolution_addImage(handle, flat.data()));
+    EXPECT_EQ("  image has not enough structure", lastError());
+    for (int i = 1; i < 4; ++i) {
         EXPECT_EQ(0, SuperResolution_addImage(handle, frames[i].ptr<float>(0))) << i;
         EXPECT_EQ(-5, SuperResolution_getSuperresolutionImage(handle, mosaic.data()));
         EXPECT_EQ("Not enough input images (<5)", lastError());
     }
-    EXPECT_EQ(0, SuperResolution_addImage(handle, frames[4].ptr<float>(0)));
+    // The fifth runs the reconstruction, which finds nothing to track in the
+    // flat image.
+    EXPECT_EQ(-9, SuperResolution_addImage(handle, frames[4].ptr<float>(0)));
     EXPECT_EQ(0, SuperResolution_queryOutputImageSize(handle, &w, &h));
     EXPECT_EQ(0, SuperResolution_getSuperresolutionImage(handle, mosaic.data()));
+    EXPECT_EQ(-999, SuperResolution_getSuperresolutionImage(handle, nullptr));
+    EXPECT_EQ("Ir mosaic data pointer is NULL.", lastError());
 
-    // The result is an image of the scene at twice the size: its mean is the
-    // frames' mean, and it is not the untouched buffer.
-    const cv::Mat_<float> result(2 * kHeight, 2 * kWidth, mosaic.data());
-    EXPECT_NEAR(cv::mean(frames[4])[0], cv::mean(result)[0], 5.0);
-
-    // getSuperresolutionImage copies; it does not recompute.
+    // With the flat image gone the result is an image of the scene at twice
+    // the size: its mean is the frames' mean, and it is not the untouched buffer.
+    EXPECT_EQ(0, SuperResolution_addImage(handle, frames[5].ptr<float>(0)));
+    EXPECT_EQ(0, SuperResolution_getSuperresolutionImage(handle, mosaic.data()));
+    EXPECT_NEAR(cv::mean(frames[5])[0], cv::mean(cv::Mat_<float>(2 * kHeight, 2 * kWidth, mosaic.data()))[0], 5.0);
     std::vector<float> again(mosaic.size());
     SuperResolution_getSuperresolutionImage(handle, again.data());
     EXPECT_EQ(mosaic, again);
-    EXPECT_EQ(0, SuperResolution_addImage(handle, frames[5].ptr<float>(0)));
+    SuperResolution_addImage(handle, frames[1].ptr<float>(0));
     SuperResolution_getSuperresolutionImage(handle, again.data());
     EXPECT_NE(mosaic, again);
-}
 
-TEST_F(CInterface, FlatImageIsReportedAndStillCounts)
-{
-    const int handle = init();
-    const std::vector<cv::Mat_<float>> frames = shiftedFrames(4, 12);
-    const std::vector<float> flat(kWidth * kHeight, 1000.0f);
-    EXPECT_EQ(-4, SuperResolution_addImage(handle, flat.data()));
-    EXPECT_EQ("  image has not enough structure", lastError());
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(0, SuperResolution_addImage(handle, frames[i].ptr<float>(0)));
-    int w = 0, h = 0;
-    EXPECT_EQ(-5, SuperResolution_queryOutputImageSize(handle, &w, &h));
-    SuperResolution_addImage(handle, frames[3].ptr<float>(0));  // the fifth: a reconstruction runs
-    EXPECT_EQ(0, SuperResolution_queryOutputImageSize(handle, &w, &h));
-}
-
-TEST_F(CInterface, BadArgumentsAreRefused)
-{
-    const int handle = init();
-    EXPECT_EQ(-999, SuperResolution_addImage(handle, nullptr));
-    EXPECT_EQ("ir image data pointer is NULL", lastError());
-    // Fewer than five images: -5 wins over the NULL buffer, which is reported
-    // but never written through.
-    EXPECT_EQ(-5, SuperResolution_getSuperresolutionImage(handle, nullptr));
-    const std::vector<cv::Mat_<float>> frames = shiftedFrames(5, 13);
-    for (const cv::Mat_<float>& frame : frames)
-        SuperResolution_addImage(handle, frame.ptr<float>(0));
-    EXPECT_EQ(-999, SuperResolution_getSuperresolutionImage(handle, nullptr));
-    EXPECT_EQ("Ir mosaic data pointer is NULL.", lastError());
+    // queryOutputImageSize forces a reconstruction from fewer frames, which
+    // getSuperresolutionImage copies while it reports -5.
+    const int early = init();
+    for (int i = 1; i < 4; ++i)
+        SuperResolution_addImage(early, frames[i].ptr<float>(0));
+    EXPECT_EQ(-5, SuperResolution_queryOutputImageSize(early, &w, &h));
+    std::vector<float> forced(mosaic.size(), -7.0f);
+    EXPECT_EQ(-5, SuperResolution_getSuperresolutionImage(early, forced.data()));
+    EXPECT_NEAR(cv::mean(frames[3])[0], cv::mean(cv::Mat_<float>(2 * kHeight, 2 * kWidth, forced.data()))[0], 5.0);
 
     EXPECT_EQ(0, SuperResolution_setReferenceFrame(handle, 0));
     EXPECT_EQ(0, velmor::kro::detail::cInterfaceEngine(handle)->getReferenceIndex());
@@ -183,17 +162,13 @@ TEST_F(CInterface, BadArgumentsAreRefused)
 TEST_F(CInterface, CameraDescriptionsPickTheirSigma)
 {
     init();
-    struct Case {
-        const char* description;
-        float sigma;
-    };
-    const Case cases[] = {
+    const struct { const char* description; float sigma; } cases[] = {
         {"camera k57 FOV 25", 0.35f}, {"camera k57 FOV 23", 0.35f}, {"camera k57 FOV 15", 0.65f},
         {"camera k41 k61 FOV 30", 0.81f}, {"camera k54", 0.683f},  {"camera FOV 30", 0.683f},
         {"k52 FOV -1", 0.683f},           {"k52 FOV 30", 0.01f},    {"k61 FOV wide", 0.683f},
         {"k54 FOV 12", 0.625f},           {"k43FOV7", 0.01f},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(0, SuperResolution_setCameraAndLensType(0, c.description));
         EXPECT_FLOAT_EQ(c.sigma, velmor::kro::detail::cInterfaceEngine(0)->getPsfSigma()) << c.description;
     }
@@ -201,26 +176,19 @@ TEST_F(CInterface, CameraDescriptionsPickTheirSigma)
     EXPECT_EQ(0, SuperResolution_setCameraAndLensType(9, "camera k41 FOV 30"));
 }
 
-} // namespace
-
-namespace {
-
 std::string readFile(const std::string& path)
 {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
-TEST_F(CInterface, LogFileHoldsTheEchoOfEveryCall)
+TEST_F(CInterface, LogFileHoldsTheEchoOfEveryCallPrefixedBySourcePositionsWhenAsked)
 {
     krotest::TempDir dir;
-    const std::string path = dir.file("c.log");
-    setenv("KROLIB_LOG_FILE", path.c_str(), 1);
+    setenv("KROLIB_LOG_FILE", dir.file("c.log").c_str(), 1);
     const int handle = init(kWidth, kHeight);
-    const std::vector<cv::Mat_<float>> frames = shiftedFrames(5, 14);
-    for (const cv::Mat_<float>& frame : frames)
+    for (const cv::Mat_<float>& frame : shiftedFrames(5, 14))
         SuperResolution_addImage(handle, frame.ptr<float>(0));
     int w = 0, h = 0;
     SuperResolution_queryOutputImageSize(handle, &w, &h);
@@ -232,11 +200,10 @@ TEST_F(CInterface, LogFileHoldsTheEchoOfEveryCall)
     SuperResolution_release(handle);
     handles_.clear();
 
-    const std::string log = readFile(path);
-    std::ostringstream pointers;
+    const std::string log = readFile(dir.file("c.log"));
+    std::ostringstream pointers, mosaicLine;
     pointers << "SuperResolution_queryOutputImageSize(" << handle << " , " << static_cast<const void*>(&w)
              << " , " << static_cast<const void*>(&h) << "\n";
-    std::ostringstream mosaicLine;
     mosaicLine << "SuperResolution_getSuperresolutionImage(" << handle << " , float* "
                << static_cast<const void*>(mosaic.data()) << ")\n";
     for (const std::string& line :
@@ -253,22 +220,17 @@ TEST_F(CInterface, LogFileHoldsTheEchoOfEveryCall)
     for (std::size_t at = 0; (at = log.find("SuperResolution_addImage(", at)) != std::string::npos; ++at)
         ++echoes;
     EXPECT_EQ(5u, echoes);
-}
 
-TEST_F(CInterface, SourcePositionsPrefixLogLinesWhenAsked)
-{
-    krotest::TempDir dir;
-    const std::string path = dir.file("positions.log");
-    setenv("KROLIB_LOG_FILE", path.c_str(), 1);
+    setenv("KROLIB_LOG_FILE", dir.file("positions.log").c_str(), 1);
     velmor::kro::LogFacility::getInstance().setSourcePosition(true);
     init(kWidth, kHeight);
     velmor::kro::LogFacility::getInstance().setSourcePosition(false);
-    const std::string log = readFile(path);
+    const std::string positions = readFile(dir.file("positions.log"));
     const std::string prefix = "modules/enhancement/superresolution/SuperResolutionCAdapter, ";
-    ASSERT_EQ(0u, log.find(prefix)) << log;
-    const std::size_t colon = log.find(" : SuperResolution_init( 64 , 48 )");
-    ASSERT_NE(std::string::npos, colon) << log;
-    EXPECT_GT(std::stoi(log.substr(prefix.size(), colon - prefix.size())), 0);
+    ASSERT_EQ(0u, positions.find(prefix)) << positions;
+    const std::size_t colon = positions.find(" : SuperResolution_init( 64 , 48 )");
+    ASSERT_NE(std::string::npos, colon) << positions;
+    EXPECT_GT(std::stoi(positions.substr(prefix.size(), colon - prefix.size())), 0);
 }
 
 TEST_F(CInterface, ManyCyclesOnSeveralContextsStayClean)
@@ -278,20 +240,17 @@ TEST_F(CInterface, ManyCyclesOnSeveralContextsStayClean)
     const std::vector<cv::Mat_<float>> frames = shiftedFrames(6, 15);
     std::vector<float> mosaic(4 * kWidth * kHeight);
     for (int cycle = 0; cycle < 4; ++cycle) {
-        const int a = SuperResolution_init(kWidth, kHeight);
-        const int b = SuperResolution_init(kWidth / 2, kHeight / 2);
-        EXPECT_EQ(0, a);
-        EXPECT_EQ(1, b);
-        std::vector<cv::Mat_<float>> halves;
+        EXPECT_EQ(0, SuperResolution_init(kWidth, kHeight));
+        EXPECT_EQ(1, SuperResolution_init(kWidth / 2, kHeight / 2));
         for (const cv::Mat_<float>& frame : frames) {
             cv::Mat_<float> half;
             cv::resize(frame, half, cv::Size(kWidth / 2, kHeight / 2), 0, 0, cv::INTER_AREA);
-            SuperResolution_addImage(a, frame.ptr<float>(0));
-            SuperResolution_addImage(b, half.ptr<float>(0));
+            SuperResolution_addImage(0, frame.ptr<float>(0));
+            SuperResolution_addImage(1, half.ptr<float>(0));
         }
-        EXPECT_EQ(0, SuperResolution_getSuperresolutionImage(a, mosaic.data()));
-        EXPECT_EQ(0, SuperResolution_release(b));
-        EXPECT_EQ(0, SuperResolution_release(a));
+        EXPECT_EQ(0, SuperResolution_getSuperresolutionImage(0, mosaic.data()));
+        EXPECT_EQ(0, SuperResolution_release(1));
+        EXPECT_EQ(0, SuperResolution_release(0));
     }
 }
 
