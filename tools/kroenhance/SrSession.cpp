@@ -126,7 +126,7 @@ const char* const kSrSettingsHelp =
     "  --rel-residue X       relative residue that stops the solver, at least\n"
     "                        1e-6 (default 0.007)\n"
     "  --iterations N        bound on the solver's iterations, 1 or more (default 8)\n"
-    "  --psf-sigma X         sensor blur, Gaussian sigma in input pixels, above 0\n"
+    "  --psf-sigma X         sensor blur, Gaussian sigma in output pixels, above 0\n"
     "                        (default 0.683)\n"
     "  --camera TEXT         or: the blur from a camera and lens description such\n"
     "                        as \"k57 FOV 25\" (unrecognised text: the default)\n";

@@ -96,7 +96,7 @@ public:
     // Each setter throws its message as a `const char*` for a value outside
     // the range given, and then changes nothing.
     void setMaxCGIters(int iterations);          // >= 1
-    void setPsfSigma(float sigma);               // > 0, low-resolution pixels
+    void setPsfSigma(float sigma);               // > 0, in pixels of the output grid (0.683 = 0.34 input pixels)
     void setReferenceIndex(int index);           // 0 .. windowSize-1, counted back from the newest frame
     void setRegError(float error);               // (0, 1]
     void setRelativeResidue(float residue);      // >= 1e-6

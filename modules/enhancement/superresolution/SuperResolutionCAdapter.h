@@ -83,7 +83,8 @@ KROLIB_EXPORT int SuperResolution_getSuperresolutionImage(int handle, float* mos
 /* Chooses the sensor blur from a free-form camera and lens description such
  * as "camera k57 FOV 25": a model key k41, k43, k44, k52, k53, k54, k57 or
  * k61 and the field of view after "FOV" in degrees. A description that
- * cannot be decoded selects the default sigma 0.683. Returns 0. The handle
+ * cannot be decoded selects the default sigma 0.683 (the Gaussian sigma of
+ * the sensor blur in output pixels, half an input pixel each). Returns 0. The handle
  * is not checked: it must be a live handle from init. */
 KROLIB_EXPORT int SuperResolution_setCameraAndLensType(int handle, const char* description);
 
