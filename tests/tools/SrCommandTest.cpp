@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -28,6 +29,13 @@ namespace fs = std::filesystem;
 const cv::Size kLow(96, 80);
 const cv::Size kHigh(192, 160);
 
+std::string readText(const std::string& path)
+{
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
 struct Result {
     int status = -1;
     std::string err;
@@ -37,25 +45,10 @@ struct Result {
 // standard error.
 Result kroenhance(const krotest::TempDir& dir, const std::string& args)
 {
-    const std::string errFile = dir.file("stderr.txt");
-    const std::string command = std::string(KROENHANCE_PATH) + " " + args + " 2>" + errFile;
-    const int status = std::system(command.c_str());
-    Result r;
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream in(errFile);
-    std::stringstream text;
-    text << in.rdbuf();
-    r.err = text.str();
-    fs::remove(errFile);
+    const int status = std::system((std::string(KROENHANCE_PATH) + " " + args + " 2>" + dir.file("stderr.txt")).c_str());
+    const Result r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(dir.file("stderr.txt"))};
+    fs::remove(dir.file("stderr.txt"));
     return r;
-}
-
-std::string readText(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 template <class T>
@@ -63,13 +56,9 @@ std::vector<cv::Mat_<T>> readRaw(const std::string& path, cv::Size size)
 {
     std::ifstream in(path, std::ios::binary);
     std::vector<cv::Mat_<T>> frames;
-    while (true) {
-        cv::Mat_<T> frame(size);
-        in.read(reinterpret_cast<char*>(frame.data), static_cast<std::streamsize>(frame.total() * sizeof(T)));
-        if (!in)
-            break;
+    for (cv::Mat_<T> frame(size); in.read(reinterpret_cast<char*>(frame.data), frame.total() * sizeof(T));
+         frame = cv::Mat_<T>(size))
         frames.push_back(frame);
-    }
     return frames;
 }
 
@@ -128,10 +117,14 @@ TEST(SrCommand, OutputIsTheCInterfacesAndFailedFramesAreBicubicEnlargements)
     ASSERT_EQ(out.size(), 5u) << "one output frame per input frame from the fifth on";
     EXPECT_EQ(fs::file_size(dir.file("out.raw")), 5u * kHigh.area() * sizeof(float));
 
+    // Each output frame is, byte for byte, the C interface's result for its
+    // window, or for a window where that failed with -9 the window's
+    // reference frame (reference index 3: the fourth newest) enlarged by
+    // bicubic interpolation.
     const int handle = SuperResolution_init(kLow.width, kLow.height);
     ASSERT_GE(handle, 0);
     std::vector<long long> codes;
-    std::vector<float> mosaic(static_cast<std::size_t>(kHigh.area()));
+    cv::Mat_<float> expected(kHigh);
     for (int i = 0; i < 9; ++i) {
         const int code = SuperResolution_addImage(handle, frames[i].ptr<float>(0));
         if (i < 4) {
@@ -139,19 +132,12 @@ TEST(SrCommand, OutputIsTheCInterfacesAndFailedFramesAreBicubicEnlargements)
             continue;
         }
         codes.push_back(code);
-        const std::size_t k = static_cast<std::size_t>(i - 4);
-        if (code == -9) {
-            // The window's reference frame (reference index 3: the fourth
-            // newest) enlarged by bicubic interpolation.
-            cv::Mat_<float> expected;
+        if (code == -9)
             cv::resize(frames[i - 3], expected, kHigh, 0.0, 0.0, cv::INTER_CUBIC);
-            EXPECT_EQ(std::memcmp(expected.ptr<float>(0), out[k].ptr<float>(0), mosaic.size() * sizeof(float)), 0)
-                << "output frame " << k << " is not the fallback";
-        } else {
-            ASSERT_EQ(SuperResolution_getSuperresolutionImage(handle, mosaic.data()), 0);
-            EXPECT_EQ(std::memcmp(mosaic.data(), out[k].ptr<float>(0), mosaic.size() * sizeof(float)), 0)
-                << "output frame " << k << " differs from the C interface's";
-        }
+        else
+            ASSERT_EQ(SuperResolution_getSuperresolutionImage(handle, expected.ptr<float>(0)), 0);
+        EXPECT_EQ(std::memcmp(expected.ptr<float>(0), out[i - 4].ptr<float>(0), kHigh.area() * sizeof(float)), 0)
+            << "output frame " << i - 4 << " (code " << code << ")";
     }
     SuperResolution_release(handle);
     EXPECT_EQ(codes, (std::vector<long long>{0, 0, -9, -9, -9}));
@@ -181,17 +167,20 @@ TEST(SrCommand, NothingIsWrittenWhenNoFrameCanBeReconstructed)
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.err.find("no frame could be reconstructed"), std::string::npos) << run.err;
     // The report says why; no image and no temporary file is left.
-    std::vector<std::string> names;
+    std::set<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir.path()))
-        names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"in.raw", "r.json"}));
+        names.insert(entry.path().filename().string());
+    EXPECT_EQ(names, (std::set<std::string>{"in.raw", "r.json"}));
     const std::string report = readText(dir.file("r.json"));
     EXPECT_EQ(reportIntegers(report, "fallbacks"), std::vector<long long>{2});
     EXPECT_EQ(reportIntegers(report, "reconstructed"), std::vector<long long>{0});
 }
 
-TEST(SrCommand, ValuesKeepTheInputScaleAndSixteenBitOutputIsRoundedAndSaturated)
+// The window and reference options set the frame count and each window's
+// reference; the values keep the input's scale, and 16-bit output rounds and
+// saturates them. A window as long as the recording gives one TIFF page that
+// keeps the float result.
+TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOutputSaturates)
 {
     krotest::TempDir dir;
     // The real recording stretched beyond the 16-bit range on both sides,
@@ -202,28 +191,31 @@ TEST(SrCommand, ValuesKeepTheInputScaleAndSixteenBitOutputIsRoundedAndSaturated)
     double low = 0.0, high = 0.0;
     cv::minMaxLoc(drive[0], &low, &high);
     const double gain = 80000.0 / (high - low);
-    std::vector<cv::Mat_<float>> frames;
-    for (const auto& f : drive) {
-        cv::Mat_<float> stretched;
-        f.convertTo(stretched, CV_32F, gain, 32768.0 - mean * gain);
-        frames.push_back(stretched);
-    }
+    std::vector<cv::Mat_<float>> frames(drive.size());
+    for (std::size_t i = 0; i < drive.size(); ++i)
+        drive[i].convertTo(frames[i], CV_32F, gain, 32768.0 - mean * gain);
     writeRaw(dir.file("in.raw"), frames);
-    const std::string input = "--size 160x128 --format f32 " + dir.file("in.raw");
+    // (The corner engine: the phase engine's FFT plans, timed per process,
+    // may differ in the last bits between the two runs.)
+    const std::string sr = "sr --window 3 --reference-index 0 --size 160x128 --format f32 " + dir.file("in.raw");
 
-    ASSERT_EQ(kroenhance(dir, "sr " + input + " -o " + dir.file("f.raw")).status, 0);
-    ASSERT_EQ(kroenhance(dir, "sr " + input + " --output-format u16 -o " + dir.file("u.raw")).status, 0);
-    ASSERT_EQ(kroenhance(dir, "sr " + input + " -o " + dir.file("p_%d.png")).status, 0);
+    const Result run = kroenhance(dir, sr + " -o " + dir.file("f.raw") + " --report " + dir.file("r.json"));
+    ASSERT_EQ(run.status, 0) << run.err;
+    ASSERT_EQ(kroenhance(dir, sr + " --output-format u16 -o " + dir.file("u.raw")).status, 0);
+    const std::string report = readText(dir.file("r.json"));
+    // Reference index 0 is the newest frame of each window.
+    EXPECT_EQ(reportIntegers(report, "reference_input_index"), (std::vector<long long>{2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(reportIntegers(report, "output_index"), (std::vector<long long>{0, 1, 2, 3, 4, 5, 6, 7}));
     const cv::Size high2(320, 256);
     const auto exact = readRaw<float>(dir.file("f.raw"), high2);
     const auto rounded = readRaw<unsigned short>(dir.file("u.raw"), high2);
-    ASSERT_EQ(exact.size(), 6u);
-    ASSERT_EQ(rounded.size(), 6u);
+    EXPECT_EQ(fs::file_size(dir.file("f.raw")), 8u * high2.area() * sizeof(float));
+    ASSERT_EQ(exact.size(), 8u);
+    ASSERT_EQ(rounded.size(), 8u);
     bool below = false, above = false;
     for (std::size_t k = 0; k < exact.size(); ++k) {
         // The input's scale: the reconstruction's mean is its reference frame's.
-        const double referenceMean = cv::mean(frames[k + 1])[0];
-        EXPECT_NEAR(cv::mean(exact[k])[0], referenceMean, 0.01 * 32768.0) << "frame " << k;
+        EXPECT_NEAR(cv::mean(exact[k])[0], cv::mean(frames[k + 2])[0], 0.01 * 32768.0) << "frame " << k;
         for (int i = 0; i < static_cast<int>(exact[k].total()); ++i) {
             const double v = exact[k](i);
             below |= v < -0.5;
@@ -231,37 +223,16 @@ TEST(SrCommand, ValuesKeepTheInputScaleAndSixteenBitOutputIsRoundedAndSaturated)
             const double expected = std::min(65535.0, std::max(0.0, std::nearbyint(v)));
             ASSERT_EQ(rounded[k](i), expected) << "frame " << k << " sample " << i << " from " << v;
         }
-        const cv::Mat png = cv::imread(dir.file("p_" + std::to_string(k) + ".png"), cv::IMREAD_UNCHANGED);
-        ASSERT_EQ(png.type(), CV_16UC1);
-        EXPECT_IMAGES_EQUAL(rounded[k], png) << "frame " << k;
     }
     EXPECT_TRUE(below && above) << "the test input should reach beyond both ends of the 16-bit range";
-}
 
-TEST(SrCommand, FrameCountAndReferenceFollowTheWindow)
-{
-    krotest::TempDir dir;
-    const std::string input = "--size 160x128 --format u16 " + kDriveCrop;
-    const Result run = kroenhance(dir, "sr --window 3 --reference-index 0 --engine phase " + input + " -o " +
-                                           dir.file("w3.raw") + " --report " + dir.file("w3.json"));
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(fs::file_size(dir.file("w3.raw")), 8u * 320u * 256u * sizeof(float));
-    const std::string report = readText(dir.file("w3.json"));
-    // Reference index 0 is the newest frame of each window.
-    EXPECT_EQ(reportIntegers(report, "reference_input_index"), (std::vector<long long>{2, 3, 4, 5, 6, 7, 8, 9}));
-    EXPECT_EQ(reportIntegers(report, "output_index"), (std::vector<long long>{0, 1, 2, 3, 4, 5, 6, 7}));
-
-    ASSERT_EQ(kroenhance(dir, "sr --window 10 --reference-index 9 " + input + " -o " + dir.file("w10.tif")).status, 0);
+    ASSERT_EQ(kroenhance(dir, "sr --window 10 --reference-index 9 --engine phase --size 160x128 --format u16 " + kDriveCrop +
+                                  " -o " + dir.file("w10.tif")).status, 0);
     std::vector<cv::Mat> pages;
     ASSERT_TRUE(cv::imreadmulti(dir.file("w10.tif"), pages, cv::IMREAD_UNCHANGED));
     ASSERT_EQ(pages.size(), 1u);
-    EXPECT_EQ(pages[0].type(), CV_32FC1) << "TIFF keeps the float result";
-    EXPECT_EQ(pages[0].size(), cv::Size(320, 256));
-
-    const Result tooShort = kroenhance(dir, "sr --window 11 " + input + " -o " + dir.file("w11.raw"));
-    EXPECT_EQ(tooShort.status, 1);
-    EXPECT_NE(tooShort.err.find("a window of 11 needs at least 11"), std::string::npos) << tooShort.err;
-    EXPECT_FALSE(fs::exists(dir.file("w11.raw")));
+    EXPECT_EQ(pages[0].type(), CV_32FC1);
+    EXPECT_EQ(pages[0].size(), high2);
 }
 
 } // namespace
