@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # kroenhance sr: help of every command, the report's JSON, option values the
 # engine refuses, bad inputs, exit statuses, and nothing left behind by a
-# failed run.
+# failed run. (Input errors that sr shares with the filter commands are
+# checked in kroenhance_filters.sh.)
 set -u
 tool=$1
 source_dir=$2
@@ -28,8 +29,9 @@ expect() {
     fi
 }
 
-# --help of every command listed by the overview: status 0, its usage on
-# standard output, nothing on standard error.
+# --help of every command listed by the overview: status 0, its own usage
+# (not the overview) with an example on standard output, the input options
+# for every command that reads frames, nothing on standard error.
 commands=$("$tool" --help | sed -n '/^Commands:/,/^$/p' | awk 'NR > 1 && NF { print $1 }')
 for command in sr demo tnr snr spr unsharp cluster; do
     grep -qx "$command" <<<"$commands" || fail "the overview does not list $command: $commands"
@@ -38,10 +40,9 @@ for command in $commands; do
     out=$("$tool" "$command" --help 2>"$work/err") || fail "$command --help exited with $?"
     grep -q "^Usage: kroenhance $command" <<<"$out" || fail "$command --help shows no usage: $out"
     [ -s "$work/err" ] && fail "$command --help wrote to standard error: $(cat "$work/err")"
-done
-for command in $commands; do
-    "$tool" "$command" --help | grep -A2 "^Examples:" | grep -q "kroenhance $command" ||
-        fail "$command --help has no example"
+    grep -A2 "^Examples:" <<<"$out" | grep -q "kroenhance $command" || fail "$command --help has no example"
+    grep -q "kroenhance --help" <<<"$out" && fail "$command --help shows the overview"
+    [ "$command" = demo ] || grep -q -- "--size WxH" <<<"$out" || fail "$command --help does not describe the input options"
 done
 "$tool" sr -h | grep -q -- "--reference-index N" || fail "sr -h does not list the engine options"
 
@@ -84,7 +85,6 @@ expect 2 "option --tv-weight: Invalid total-variation term weight specified. \(g
     sr --tv-weight 0.5 $raw "$data" -o o.raw
 expect 2 "option --rel-residue: Invalid total-variation term weight specified" sr --rel-residue 1e-7 $raw "$data" -o o.raw
 expect 2 "option --reg-error: Invalid maximum registration error specified" sr --reg-error 1.5 $raw "$data" -o o.raw
-expect 2 "option --reg-error: Invalid maximum registration error specified" sr --reg-error 0 $raw "$data" -o o.raw
 expect 2 "option --iterations: Invalid maximum number of iterations specified" sr --iterations 0 $raw "$data" -o o.raw
 expect 2 "option --psf-sigma: Invalid standard deviation of the sensor psf specified" sr --psf-sigma -1 $raw "$data" -o o.raw
 expect 2 "option --reference-index: Invalid reference index specified. \(got 5; accepted: 0 to 4" \
@@ -102,20 +102,15 @@ expect 2 "option --tv-weight" sr --tv-weight 0 $raw missing.raw -o o.raw
 # Bad command lines and inputs.
 expect 2 "-o is required" sr $raw "$data"
 expect 2 "no input given" sr -o o.raw
-expect 2 "needs both --size" sr --size 160x128 "$data" -o o.raw
 expect 2 "unknown format \"u12\"" sr --size 160x128 --format u12 "$data" -o o.raw
 expect 2 "unknown option --bogus" sr --bogus $raw "$data" -o o.raw
 expect 2 "report and the output must be different" sr $raw "$data" -o same.json --report same.json
-expect 1 "not a whole number of 160x120 u16 frames" sr --size 160x120 --format u16 "$data" -o o.raw
-expect 1 "cannot open input .*missing.raw.*no such file" sr $raw missing.raw -o o.raw
 head -c $((4 * 160 * 128 * 2)) "$data" >"$work/four.raw"
 expect 1 "the input holds 4 frames; a window of 5 needs at least 5" sr $raw "$work/four.raw" -o o.raw
 head -c $((5 * 161 * 128 * 2)) "$data" >"$work/odd.raw"
 expect 1 "the phase engine cannot work on 161x128 frames" sr --engine phase --size 161x128 --format u16 \
     "$work/odd.raw" -o o.raw
 expect 1 "cannot create .*nodir/r.json" sr $raw "$data" -o o.raw --report nodir/r.json
-printf 'not an image' >"$work/fake.png"
-expect 1 "cannot read image" sr "$work/fake.png" -o o.raw
 expect 1 "holds one image" sr $raw "$data" -o single.png
 head -c $((5 * 160 * 128 * 4)) /dev/zero | tr '\0' '\377' >"$work/nan.raw"   # all bytes 0xff: NaN floats
 expect 1 "input frame 0 holds NaN or infinite samples" sr --size 160x128 --format f32 "$work/nan.raw" -o o.raw
