@@ -4,12 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#ifdef _OPENMP
-#include <omp.h>
-#endif
-
 #include "detail/FilterArithmetic.h"
 #include "detail/ImageOverlap.h"
+#include "detail/OmpHelpers.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -177,34 +174,6 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
     frame[c] = value;
 }
 
-inline int ompMaxThreads()
-{
-#ifdef _OPENMP
-    return omp_get_max_threads();
-#else
-    return 1;
-#endif
-}
-
-inline int ompThreadNum()
-{
-#ifdef _OPENMP
-    return omp_get_thread_num();
-#else
-    return 0;
-#endif
-}
-
-inline int ompTeamSize()
-{
-#ifdef _OPENMP
-    return omp_get_num_threads();
-#else
-    return 1;
-#endif
-}
-
-// Part `part` of n items cut into `parts` nearly equal contiguous parts.
 inline void partOf(int n, int parts, int part, int& begin, int& end)
 {
     const int base = n / parts;
@@ -275,7 +244,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     const int last = cols - 1;
     const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
     // Narrow frames are not worth a second thread.
-    const int threads = cols >= kMinColumnsPerThread * 2 ? ompMaxThreads() : 1;
+    const int threads = cols >= kMinColumnsPerThread * 2 ? detail::ompMaxThreads() : 1;
     // Work space: per part of the columns, seven arrays over its columns plus
     // a margin of kReach on each side, each array rounded up to whole cache
     // lines so that no two threads write into one line.
@@ -355,11 +324,11 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     // parts per thread.)
 #pragma omp parallel num_threads(threads)
     {
-        for (int part = ompThreadNum(); part < threads; part += ompTeamSize())
+        for (int part = detail::ompThreadNum(); part < threads; part += detail::ompTeamSize())
             runPart(part);
         // Every part has read its margins of the line pattern: store the own columns.
 #pragma omp barrier
-        for (int part = ompThreadNum(); part < threads; part += ompTeamSize())
+        for (int part = detail::ompThreadNum(); part < threads; part += detail::ompTeamSize())
             storePart(part);
     }
 }

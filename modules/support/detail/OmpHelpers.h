@@ -1,6 +1,6 @@
 #pragma once
 
-// Small OpenMP helpers shared by the super-resolution engines.
+// The small OpenMP helpers through which the engines and filters use threads.
 //
 // Two rules keep the parallel code deterministic and cheap:
 //  - every parallel loop hands whole output rows to threads (schedule(static))
@@ -42,6 +42,16 @@ inline int ompThreadNum()
     return omp_get_thread_num();
 #else
     return 0;
+#endif
+}
+
+// Number of threads in the current team (1 outside a parallel region).
+inline int ompTeamSize()
+{
+#ifdef _OPENMP
+    return omp_get_num_threads();
+#else
+    return 1;
 #endif
 }
 
