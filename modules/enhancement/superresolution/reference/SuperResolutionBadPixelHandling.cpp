@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <cstring>
 
+#include "detail/OmpHelpers.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -35,13 +37,6 @@ Kind kindOf(std::uint32_t bits)
 
 bool isFinitePattern(std::uint32_t bits) { return (bits & kExponentMask) != kExponentMask; }
 
-// Outliers found in the second pass are written with this status first, so
-// that every pixel is judged against the same set of neighbours whatever the
-// scan order; they become kDefect at the end of the pass.
-constexpr unsigned char kPendingDefect = 0x80;
-
-bool usableNeighbour(unsigned char status) { return status == 0 || status == kPendingDefect; }
-
 // Second-smallest and second-largest usable value among the 8 neighbours of
 // (x, y) (smallest and largest when fewer than 5 are usable); false when
 // fewer than 3 neighbours are usable.
@@ -57,7 +52,7 @@ bool trimmedNeighbourBounds(const cv::Mat_<float>& frame, const cv::Mat_<unsigne
         const float* row = frame[j];
         const unsigned char* status = map[j];
         for (int i = x0; i <= x1; ++i) {
-            if ((i == x && j == y) || !usableNeighbour(status[i]))
+            if ((i == x && j == y) || status[i] != SuperResolutionBadPixelHandling::kGood)
                 continue;
             // Branch-free running two smallest and two largest values (the
             // comparisons are unpredictable on real data).
@@ -76,6 +71,76 @@ bool trimmedNeighbourBounds(const cv::Mat_<float>& frame, const cv::Mat_<unsigne
     lo2 = count >= 5 ? min2 : min1;
     hi2 = count >= 5 ? max2 : max1;
     return true;
+}
+
+// Order-preserving key of a float that is not a NaN: the keys compare as
+// unsigned integers the way the floats compare (-0 just below +0).
+std::uint32_t orderKey(float v)
+{
+    const std::uint32_t bits = SuperResolutionBadPixelHandling::bitPattern(v);
+    return (bits & 0x80000000u) ? ~bits : (bits | 0x80000000u);
+}
+
+float fromOrderKey(std::uint32_t key)
+{
+    const std::uint32_t bits = (key & 0x80000000u) ? (key & 0x7fffffffu) : ~key;
+    float v;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
+
+bool isNanPattern(std::uint32_t bits) { return (bits & 0x7fffffffu) > kExponentMask; }
+
+constexpr std::size_t kBins = std::size_t(1) << 16;
+
+// The bin of `rank` (0-based) in a histogram of `kBins` counts; `rank`
+// becomes the rank inside that bin. The rank must be below the total count.
+std::uint32_t binOfRank(const std::uint32_t* histogram, std::size_t& rank)
+{
+    std::uint32_t bin = 0;
+    while (rank >= histogram[bin]) {
+        rank -= histogram[bin];
+        ++bin;
+    }
+    return bin;
+}
+
+// std::min and std::max by value (the same operand is chosen), which the
+// compiler turns into branch-free vector code.
+inline float minOf(float a, float b) { return b < a ? b : a; }
+inline float maxOf(float a, float b) { return a < b ? b : a; }
+
+// Adds v to the running two smallest and two largest values.
+inline void addSample(float v, float& min1, float& min2, float& max1, float& max2)
+{
+    min2 = minOf(min2, maxOf(min1, v));
+    min1 = minOf(min1, v);
+    max2 = maxOf(max2, minOf(max1, v));
+    max1 = maxOf(max1, v);
+}
+
+// trimmedNeighbourBounds for the interior columns 1 .. cols - 2 of a row
+// whose 8 neighbours all count (the caller checks the defect map): the same
+// comparisons in the same order, without the status tests, so that the
+// compiler can work on several pixels at once. Columns 0 and cols - 1 are
+// left alone.
+void trimmedInteriorBounds(const float* above, const float* row, const float* below, int cols,
+                           float* lo2, float* hi2)
+{
+    for (int x = 1; x < cols - 1; ++x) {
+        float min1 = FLT_MAX, min2 = FLT_MAX;
+        float max1 = -FLT_MAX, max2 = -FLT_MAX;
+        addSample(above[x - 1], min1, min2, max1, max2);
+        addSample(above[x], min1, min2, max1, max2);
+        addSample(above[x + 1], min1, min2, max1, max2);
+        addSample(row[x - 1], min1, min2, max1, max2);
+        addSample(row[x + 1], min1, min2, max1, max2);
+        addSample(below[x - 1], min1, min2, max1, max2);
+        addSample(below[x], min1, min2, max1, max2);
+        addSample(below[x + 1], min1, min2, max1, max2);
+        lo2[x] = min2;
+        hi2[x] = max2;
+    }
 }
 
 float medianOf(float* values, int count)
@@ -173,105 +238,284 @@ cv::Mat_<unsigned char>& SuperResolutionBadPixelHandling::nextDefectMap_(const c
     return defectMaps.back();
 }
 
-void SuperResolutionBadPixelHandling::classifyByValue_(const cv::Mat_<float>& frame,
-                                                       cv::Mat_<unsigned char>& map) const
+void SuperResolutionBadPixelHandling::classifyRowByValue_(const cv::Mat_<float>& frame,
+                                                          cv::Mat_<unsigned char>& map, int y) const
 {
-    for (int y = 0; y < frame.rows; ++y) {
-        const float* row = frame[y];
-        unsigned char* status = map[y];
-        for (int x = 0; x < frame.cols; ++x) {
-            const float& v = row[x];
-            const Kind kind = kindOf(bitPattern(v));
-            switch (kind) {
-            case Kind::Marker129:
-                status[x] = kCameraMarked129;
-                break;
-            case Kind::Marker130:
-                status[x] = kCameraMarked130;
-                break;
-            case Kind::NotANumber:
+    const float* row = frame[y];
+    unsigned char* status = map[y];
+    for (int x = 0; x < frame.cols; ++x) {
+        const float& v = row[x];
+        const Kind kind = kindOf(bitPattern(v));
+        switch (kind) {
+        case Kind::Marker129:
+            status[x] = kCameraMarked129;
+            break;
+        case Kind::Marker130:
+            status[x] = kCameraMarked130;
+            break;
+        case Kind::NotANumber:
+            status[x] = kDefect;
+            break;
+        case Kind::Subnormal:
+        case Kind::Number:
+            if (v > upperLimit)
+                status[x] = kAboveUpperLimit;
+            else if (v < lowerLimit)
+                status[x] = kBelowLowerLimit;
+            else if (kind == Kind::Subnormal)
                 status[x] = kDefect;
-                break;
-            case Kind::Subnormal:
-            case Kind::Number:
-                if (v > upperLimit)
-                    status[x] = kAboveUpperLimit;
-                else if (v < lowerLimit)
-                    status[x] = kBelowLowerLimit;
-                else if (kind == Kind::Subnormal)
-                    status[x] = kDefect;
-                else
-                    status[x] = kGood;
-                break;
-            }
+            else
+                status[x] = kGood;
+            break;
         }
     }
 }
 
-void SuperResolutionBadPixelHandling::classifyOutliers_(const cv::Mat_<float>& frame,
-                                                        cv::Mat_<unsigned char>& map)
+// Classifies every pixel of `frame` into `map` (value classes, then the
+// outlier test of status 3) and returns the smallest and largest good value.
+//
+// Steps, in one parallel region over rows (large frames only):
+//   1. status by value (markers, NaN, subnormals, limits);
+//   2. per pixel the trimmed neighbour bounds, and per thread a histogram of
+//      the upper 16 bits of the order keys of the spreads and of the usable
+//      values;
+//   3. (one thread) the frame's typical spread (median of the spreads) and
+//      robust range (1st and 99th percentile of the usable values), selected
+//      exactly from the histograms: the merged upper-bit histogram finds the
+//      bin of the wanted rank, a second scan counts the lower 16 bits of the
+//      keys in that bin. This gives the same order statistics as a sort of
+//      the values; a NaN spread (possible only with infinite limits) falls
+//      back to nth_element on the spreads in row order;
+//   4. the outlier test per pixel and each row's good extremes.
+// The outlier test reads only the bounds of step 2, so every pixel is judged
+// against the same neighbours whatever the order or sharing of the rows.
+void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
+                                                cv::Mat_<unsigned char>& map, float& goodMin,
+                                                float& goodMax, bool& anyGood)
 {
-    // First pass: the frame's typical spread (the median over all judged
-    // pixels of the trimmed neighbour range, about 1.7 sigma on pure noise)
-    // and its robust value range (1st to 99th percentile of the usable
-    // values). See the class comment for the tolerance built from them.
-    spreads.clear();
-    values.clear();
-    // Bounds per pixel, kept for the second pass; low > high marks a pixel
-    // that is not judged (usable values are finite, so lo2 <= hi2 otherwise).
-    const std::size_t pixels = static_cast<std::size_t>(frame.rows) * frame.cols;
-    lowBounds.assign(pixels, 1.0f);
-    highBounds.assign(pixels, 0.0f);
-    for (int y = 0; y < frame.rows; ++y) {
-        for (int x = 0; x < frame.cols; ++x) {
-            if (map(y, x) != kGood)
-                continue;
-            values.push_back(frame(y, x));
-            const std::size_t i = static_cast<std::size_t>(y) * frame.cols + x;
-            if (trimmedNeighbourBounds(frame, map, x, y, lowBounds[i], highBounds[i]))
-                spreads.push_back(highBounds[i] - lowBounds[i]);
-        }
+    const int rows = frame.rows;
+    const int cols = frame.cols;
+    const std::size_t pixels = static_cast<std::size_t>(rows) * cols;
+    // Scratch grows to the largest frame seen and is kept.
+    if (lowBounds.size() < pixels) {
+        lowBounds.resize(pixels);
+        highBounds.resize(pixels);
     }
-    if (spreads.empty())
-        return; // no pixel has enough usable neighbours to be judged
-    const auto middle = spreads.begin() + static_cast<std::ptrdiff_t>(spreads.size() / 2);
-    std::nth_element(spreads.begin(), middle, spreads.end());
-    const double typical = *middle;
-    const auto low = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 100);
-    const auto high = values.begin() + static_cast<std::ptrdiff_t>(values.size() * 99 / 100);
-    std::nth_element(values.begin(), low, values.end());
-    const double p1 = *low;
-    std::nth_element(values.begin(), high, values.end());
-    const double p99 = *high;
-    const double range = p99 - p1;
+    if (rowValueCount.size() < static_cast<std::size_t>(rows)) {
+        rowValueCount.resize(rows);
+        rowSpreadCount.resize(rows);
+        rowGoodMin.resize(rows);
+        rowGoodMax.resize(rows);
+        rowAnyGood.resize(rows);
+    }
+    // About 9 samples and a few comparisons per pixel; small frames stay on
+    // the calling thread.
+    const int threads = detail::threadsForWork(pixels * 16, detail::ompThreadCapacity());
+    // Per thread two upper-bit histograms (spreads, values), then the three
+    // lower-bit histograms of the selection.
+    const std::size_t histogramSize = (2 * static_cast<std::size_t>(threads) + 3) * kBins;
+    if (histogram.size() < histogramSize)
+        histogram.resize(histogramSize);
+    std::uint32_t* const lowerBits = histogram.data() + 2 * static_cast<std::size_t>(threads) * kBins;
 
-    for (int y = 0; y < frame.rows; ++y) {
-        for (int x = 0; x < frame.cols; ++x) {
-            const std::size_t i = static_cast<std::size_t>(y) * frame.cols + x;
-            const float lo2 = lowBounds[i];
-            const float hi2 = highBounds[i];
-            if (lo2 > hi2)
-                continue;
-            // A pixel on the frame's edge sees its neighbours on one side
-            // only, so a plain gradient already puts it outside their range.
-            const bool onEdge = x == 0 || y == 0 || x == frame.cols - 1 || y == frame.rows - 1;
-            const double factor = onEdge ? kOutlierFactor * kEdgeOutlierFactor : kOutlierFactor;
-            const double gross = onEdge ? kGrossOutlierContrast * kEdgeGrossFactor : kGrossOutlierContrast;
-            // In double: the range of two finite floats can overflow float.
-            const double spread = static_cast<double>(hi2) - static_cast<double>(lo2);
-            const double tolerance =
-                std::max({factor * typical, kMinOutlierContrast * range,
-                          std::min(factor * spread, gross * range)});
-            const double v = frame(y, x);
-            if (v < lo2 - tolerance || v > hi2 + tolerance)
-                map(y, x) = kPendingDefect;
+    std::size_t judged = 0;
+    std::size_t usable = 0;
+    double typical = 0.0;
+    double range = 0.0;
+    bool nanSpread = false;
+    float* const low = lowBounds.data();
+    float* const high = highBounds.data();
+
+#pragma omp parallel num_threads(threads)
+    {
+        const int thread = detail::ompThreadNum();
+        std::uint32_t* const spreadBins = histogram.data() + 2 * static_cast<std::size_t>(thread) * kBins;
+        std::uint32_t* const valueBins = spreadBins + kBins;
+        std::fill(spreadBins, spreadBins + 2 * kBins, 0u);
+        bool threadNan = false;
+
+#pragma omp for schedule(static)
+        for (int y = 0; y < rows; ++y)
+            classifyRowByValue_(frame, map, y);
+
+#pragma omp for schedule(static)
+        for (int y = 0; y < rows; ++y) {
+            const float* row = frame[y];
+            const unsigned char* status = map[y];
+            std::size_t values = 0, spreads = 0;
+            float* const rowLow = low + static_cast<std::size_t>(y) * cols;
+            float* const rowHigh = high + static_cast<std::size_t>(y) * cols;
+            const bool interiorRow = y > 0 && y < rows - 1 && cols >= 3;
+            if (interiorRow)
+                trimmedInteriorBounds(frame[y - 1], row, frame[y + 1], cols, rowLow, rowHigh);
+            const unsigned char* above = interiorRow ? map[y - 1] : nullptr;
+            const unsigned char* below = interiorRow ? map[y + 1] : nullptr;
+            for (int x = 0; x < cols; ++x) {
+                if (status[x] != kGood) {
+                    // low > high marks a pixel that is not judged (usable values
+                    // are finite or infinite, never NaN, so low <= high otherwise).
+                    rowLow[x] = 1.0f;
+                    rowHigh[x] = 0.0f;
+                    continue;
+                }
+                ++values;
+                ++valueBins[orderKey(row[x]) >> 16];
+                // Interior pixels whose 8 neighbours are all good keep the
+                // bounds of the fast pass; the others are worked out singly.
+                const bool allGood = interiorRow && x > 0 && x < cols - 1 &&
+                                     (above[x - 1] | above[x] | above[x + 1] | status[x - 1] |
+                                      status[x + 1] | below[x - 1] | below[x] | below[x + 1]) == 0;
+                bool isJudged = allGood;
+                if (!allGood) {
+                    rowLow[x] = 1.0f;
+                    rowHigh[x] = 0.0f;
+                    isJudged = trimmedNeighbourBounds(frame, map, x, y, rowLow[x], rowHigh[x]);
+                }
+                if (isJudged) {
+                    const std::size_t i = static_cast<std::size_t>(y) * cols + x;
+                    ++spreads;
+                    const float spread = high[i] - low[i];
+                    if (isNanPattern(bitPattern(spread)))
+                        threadNan = true;
+                    else
+                        ++spreadBins[orderKey(spread) >> 16];
+                }
+            }
+            rowValueCount[y] = values;
+            rowSpreadCount[y] = spreads;
+        }
+        if (threadNan) {
+#pragma omp atomic write
+            nanSpread = true;
+        }
+#pragma omp barrier
+
+#pragma omp single
+        {
+            for (int y = 0; y < rows; ++y) {
+                usable += rowValueCount[y];
+                judged += rowSpreadCount[y];
+            }
+            if (judged > 0) {
+                // Merge the threads' upper-bit histograms into thread 0's.
+                for (int t = 1; t < threads; ++t) {
+                    const std::uint32_t* other = histogram.data() + 2 * static_cast<std::size_t>(t) * kBins;
+                    for (std::size_t b = 0; b < 2 * kBins; ++b)
+                        histogram[b] += other[b];
+                }
+                const std::uint32_t* spreadHist = histogram.data();
+                const std::uint32_t* valueHist = histogram.data() + kBins;
+                std::fill(lowerBits, lowerBits + 3 * kBins, 0u);
+                std::size_t rankP1 = usable / 100;
+                std::size_t rankP99 = usable * 99 / 100;
+                const std::uint32_t binP1 = binOfRank(valueHist, rankP1);
+                const std::uint32_t binP99 = binOfRank(valueHist, rankP99);
+                std::size_t rankMedian = judged / 2;
+                const std::uint32_t binMedian = nanSpread ? 0u : binOfRank(spreadHist, rankMedian);
+                for (int y = 0; y < rows; ++y) {
+                    const float* row = frame[y];
+                    const unsigned char* status = map[y];
+                    for (int x = 0; x < cols; ++x) {
+                        if (status[x] != kGood)
+                            continue;
+                        const std::uint32_t key = orderKey(row[x]);
+                        if (key >> 16 == binP1)
+                            ++lowerBits[key & 0xffffu];
+                        if (key >> 16 == binP99)
+                            ++lowerBits[kBins + (key & 0xffffu)];
+                        const std::size_t i = static_cast<std::size_t>(y) * cols + x;
+                        if (!nanSpread && low[i] <= high[i]) {
+                            const std::uint32_t spreadKey = orderKey(high[i] - low[i]);
+                            if (spreadKey >> 16 == binMedian)
+                                ++lowerBits[2 * kBins + (spreadKey & 0xffffu)];
+                        }
+                    }
+                }
+                const double p1 = fromOrderKey(binP1 << 16 | binOfRank(lowerBits, rankP1));
+                const double p99 = fromOrderKey(binP99 << 16 | binOfRank(lowerBits + kBins, rankP99));
+                range = p99 - p1;
+                if (!nanSpread) {
+                    typical = fromOrderKey(binMedian << 16 | binOfRank(lowerBits + 2 * kBins, rankMedian));
+                } else {
+                    // The spreads in row order, as nth_element needs them to
+                    // give its (NaN-dependent) answer.
+                    spreads.clear();
+                    for (std::size_t i = 0; i < pixels; ++i)
+                        if (low[i] <= high[i])
+                            spreads.push_back(high[i] - low[i]);
+                    const auto middle = spreads.begin() + static_cast<std::ptrdiff_t>(spreads.size() / 2);
+                    std::nth_element(spreads.begin(), middle, spreads.end());
+                    typical = *middle;
+                }
+            }
+        }
+
+#pragma omp for schedule(static)
+        for (int y = 0; y < rows; ++y) {
+            const float* row = frame[y];
+            unsigned char* status = map[y];
+            // With no judged pixel (none has enough usable neighbours) no
+            // outlier is looked for.
+            if (judged > 0) {
+                for (int x = 0; x < cols; ++x) {
+                    const std::size_t i = static_cast<std::size_t>(y) * cols + x;
+                    const float lo2 = low[i];
+                    const float hi2 = high[i];
+                    if (lo2 > hi2)
+                        continue;
+                    // A pixel on the frame's edge sees its neighbours on one side
+                    // only, so a plain gradient already puts it outside their range.
+                    const bool onEdge = x == 0 || y == 0 || x == cols - 1 || y == rows - 1;
+                    const double factor = onEdge ? kOutlierFactor * kEdgeOutlierFactor : kOutlierFactor;
+                    const double gross =
+                        onEdge ? kGrossOutlierContrast * kEdgeGrossFactor : kGrossOutlierContrast;
+                    // In double: the range of two finite floats can overflow float.
+                    const double spread = static_cast<double>(hi2) - static_cast<double>(lo2);
+                    // Nested std::max picks the same operand as std::max({a, b, c})
+                    // and compiles without branches.
+                    const double tolerance =
+                        std::max(std::max(factor * typical, kMinOutlierContrast * range),
+                                 std::min(factor * spread, gross * range));
+                    const double v = row[x];
+                    if (v < lo2 - tolerance || v > hi2 + tolerance)
+                        status[x] = kDefect;
+                }
+            }
+            // The row's good extremes: the first smallest and first largest
+            // in scan order, so combining rows in order matches one scan.
+            bool any = false;
+            float mn = 0.0f, mx = 0.0f;
+            for (int x = 0; x < cols; ++x) {
+                if (status[x] != kGood)
+                    continue;
+                const float v = row[x];
+                if (!any) {
+                    mn = mx = v;
+                    any = true;
+                } else {
+                    mn = std::min(mn, v);
+                    mx = std::max(mx, v);
+                }
+            }
+            rowAnyGood[y] = any;
+            rowGoodMin[y] = mn;
+            rowGoodMax[y] = mx;
         }
     }
-    for (int y = 0; y < map.rows; ++y) {
-        unsigned char* status = map[y];
-        for (int x = 0; x < map.cols; ++x)
-            if (status[x] == kPendingDefect)
-                status[x] = kDefect;
+
+    anyGood = false;
+    goodMin = goodMax = 0.0f;
+    for (int y = 0; y < rows; ++y) {
+        if (!rowAnyGood[y])
+            continue;
+        if (!anyGood) {
+            goodMin = rowGoodMin[y];
+            goodMax = rowGoodMax[y];
+            anyGood = true;
+        } else {
+            goodMin = std::min(goodMin, rowGoodMin[y]);
+            goodMax = std::max(goodMax, rowGoodMax[y]);
+        }
     }
 }
 
@@ -315,27 +559,11 @@ int SuperResolutionBadPixelHandling::detectAndReplaceBadPixel(cv::Mat_<float>& f
                   << " (clear the defect maps before changing the frame size)");
 
     cv::Mat_<unsigned char>& map = nextDefectMap_(frame);
-    classifyByValue_(frame, map);
-    classifyOutliers_(frame, map);
-
     // Substitutes come from the good pixels only: the frame's extremes
     // include the very hot or dead samples being replaced.
     float goodMin = 0.0f, goodMax = 0.0f;
     bool anyGood = false;
-    for (int y = 0; y < frame.rows; ++y) {
-        for (int x = 0; x < frame.cols; ++x) {
-            if (map(y, x) != kGood)
-                continue;
-            const float v = frame(y, x);
-            if (!anyGood) {
-                goodMin = goodMax = v;
-                anyGood = true;
-            } else {
-                goodMin = std::min(goodMin, v);
-                goodMax = std::max(goodMax, v);
-            }
-        }
-    }
+    classify_(frame, map, goodMin, goodMax, anyGood);
 
     int code = 0;
     int reallyBad = 0;

@@ -14,6 +14,7 @@
 #include <xmmintrin.h>
 #endif
 
+#include <omp.h>
 #include <opencv2/imgproc.hpp>
 
 #include "Exception.h"
@@ -502,6 +503,86 @@ TEST(BadPixelDetection, RealDrivingFramesKeepTheirSceneAndGiveUpTheirDeadPixels)
     }
     std::fclose(file);
     EXPECT_EQ(60, found);
+}
+
+// A 640x512 scene tiled from the real frames (large enough for the detector
+// to share its rows between two threads), with dead, hot, raised, NaN and
+// camera-marked pixels, a dead pair, a dead corner and a marked block whose
+// centre no good pixel reaches. Frames, maps and return codes must not depend on the thread count,
+// also when infinite limits let NaN spreads into the frame's statistics.
+TEST(BadPixelDetection, ResultsDoNotDependOnTheThreadCount)
+{
+    const std::string path = std::string(KROLIB_TEST_DATA_DIR) + "/thermal/drive_crop_160x128x10_u16.raw";
+    FILE* file = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(nullptr, file) << "bundled thermal frames missing: " << path;
+    std::vector<unsigned short> raw(10 * 128 * 160);
+    ASSERT_EQ(raw.size(), std::fread(raw.data(), sizeof(unsigned short), raw.size(), file));
+    std::fclose(file);
+
+    std::mt19937 rng(11);
+    std::vector<cv::Mat_<float>> inputs;
+    for (int n = 0; n < 3; ++n) {
+        cv::Mat_<float> frame(512, 640);
+        for (int tile = 0; tile < 16; ++tile) {
+            cv::Mat_<float> part;
+            cv::Mat(128, 160, CV_16U, raw.data() + size_t((tile + n) % 10) * 128 * 160).convertTo(part, CV_32F);
+            part.copyTo(frame(cv::Rect(tile % 4 * 160, tile / 4 * 128, 160, 128)));
+        }
+        for (int k = 0; k < 400; ++k) {
+            float& v = frame(static_cast<int>(rng() % 512), static_cast<int>(rng() % 640));
+            const float values[] = {0.0f, 16383.0f, v + 300.0f, kNan, pattern(Handler::kMarkerCold),
+                                    pattern(Handler::kMarkerHot)};
+            v = values[k % 6];
+        }
+        frame(cv::Rect(300, 200, 2, 1)).setTo(0.0f);
+        frame(0, 0) = 0.0f;
+        frame(cv::Rect(500, 400, 5, 5)).setTo(pattern(Handler::kMarkerCold));
+        inputs.push_back(frame);
+    }
+
+    struct Run {
+        std::vector<cv::Mat_<float>> frames;
+        std::vector<cv::Mat_<unsigned char>> maps;
+        std::vector<int> codes;
+    };
+    auto run = [&](int threads, bool infiniteLimits) {
+        omp_set_num_threads(threads);
+        Handler handler(2);
+        if (infiniteLimits)
+            handler.setLimits(-kInf, kInf);
+        Run r;
+        for (const cv::Mat_<float>& input : inputs) {
+            cv::Mat_<float> frame = input.clone();
+            if (infiniteLimits)
+                frame(cv::Rect(100, 100, 4, 4)).setTo(kInf);
+            r.codes.push_back(handler.detectAndReplaceBadPixel(frame));
+            r.frames.push_back(frame);
+            r.maps.push_back(handler.getDefectMaps().back().clone());
+        }
+        return r;
+    };
+    auto sameBytes = [](const cv::Mat& a, const cv::Mat& b) {
+        return a.size() == b.size() && a.type() == b.type() && a.isContinuous() && b.isContinuous() &&
+               std::memcmp(a.data, b.data, a.total() * a.elemSize()) == 0;
+    };
+    const int savedThreads = omp_get_max_threads();
+    for (bool infiniteLimits : {false, true}) {
+        const Run one = run(1, infiniteLimits);
+        const Run two = run(2, infiniteLimits);
+        EXPECT_EQ(one.codes, two.codes);
+        for (size_t n = 0; n < inputs.size(); ++n) {
+            EXPECT_TRUE(sameBytes(one.frames[n], two.frames[n])) << "frame " << n << ", infinite " << infiniteLimits;
+            EXPECT_TRUE(sameBytes(one.maps[n], two.maps[n])) << "map " << n << ", infinite " << infiniteLimits;
+            // The frames really went through the outlier test: the dead pair
+            // and the dead corner are found.
+            EXPECT_EQ(Handler::kDefect, one.maps[n](200, 300));
+            EXPECT_EQ(Handler::kDefect, one.maps[n](200, 301));
+            EXPECT_EQ(Handler::kDefect, one.maps[n](0, 0));
+            EXPECT_EQ(Handler::kCameraMarked130, one.maps[n](402, 502));
+            EXPECT_GT(cv::countNonZero(one.maps[n] == Handler::kDefect), 100);
+        }
+    }
+    omp_set_num_threads(savedThreads);
 }
 
 } // namespace
