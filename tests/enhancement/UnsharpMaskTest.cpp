@@ -68,6 +68,19 @@ TEST(UnsharpMask, OnlyBrighterPixelsAreSharpenedInSingleChannelImagesButAllInCol
     ASSERT_EQ(UnsharpMask::unsharp(gray, dst, 2.0, 1.0, 0.01), 0);
     cv::GaussianBlur(gray, blurred, cv::Size(0, 0), 1.0, 1.0);
     EXPECT_FLOAT_EQ(dst.at<float>(7, 7), gray.at<float>(7, 7) + 2.0f * (gray.at<float>(7, 7) - blurred.at<float>(7, 7)));
+    // A difference only equal to the threshold does not exceed it.
+    const float atSpot = gray.at<float>(7, 7) - blurred.at<float>(7, 7);
+    ASSERT_EQ(UnsharpMask::unsharp(gray, dst, 2.0, 1.0, atSpot), 0);
+    EXPECT_EQ(dst.at<float>(7, 7), gray.at<float>(7, 7));
+    // 8-bit signed: full scale 127 and the blur rounded back to integers (in
+    // row 6, column 7 it is 96.9). A threshold just under the difference
+    // there adds it once.
+    cv::Mat signedSpot = spotImage(CV_8S), blurredSigned;
+    signedSpot.convertTo(blurredSigned, CV_32F);
+    cv::GaussianBlur(blurredSigned, blurredSigned, cv::Size(0, 0), 1.0, 1.0);
+    const int d = 110 - cvRound(blurredSigned.at<float>(6, 7));
+    ASSERT_EQ(UnsharpMask::unsharp(signedSpot, dst, 1.0, 1.0, (d - 0.02) / 127.0), 0);
+    EXPECT_EQ(110 + d, dst.at<schar>(6, 7));
     cv::merge(std::vector<cv::Mat>{gray, gray, gray}, colour);
     ASSERT_EQ(UnsharpMask::unsharp(colour, dst, 1.0, 1.0, 0.9), 0);
     EXPECT_NEAR(dst.at<cv::Vec3f>(12, 2)[1], 2.0f * gray.at<float>(12, 2) - blurred.at<float>(12, 2), 1e-6);
