@@ -200,6 +200,20 @@ TEST(TemporalNoiseReduction, HandWorkedSinglePixelSequences)
     }
 }
 
+TEST(TemporalNoiseReduction, ChangesAtIndexFiftyDoNotCountAsMotion)
+{
+    // Gain 1 in hardware units: a jump of 800 gives |diff| 3200, index
+    // exactly 50. Over 64 pixels with threshold 64 (limit 1) the scene stays
+    // still and the feedback rises; counting index 50 as motion would lower
+    // it by 102 and change the next frame.
+    std::vector<cv::Mat_<short>> frames;
+    for (short v : {0, 800, -116, 700})
+        frames.emplace_back(8, 8, v);
+    TemporalNoiseReduction filter(1, 64, 1228, true);
+    TnrModel model(1, 64, 1228, true);
+    EXPECT_TRUE(matchesModel(filter, model, frames));
+}
+
 TEST(TemporalNoiseReduction, UnitConversionsAndRefusedParameters)
 {
     const int expectedGain[] = {0, 1, 3, 4, 6, 8, 9, 11, 12, 14, 16};
