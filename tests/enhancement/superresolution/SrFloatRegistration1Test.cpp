@@ -340,6 +340,13 @@ TEST(SrFloatRegistration1, SpectraStayInStepWithTheFramesAndCopiesOwnTheirs)
         if (k >= 2) {
             lastRun.assign(1, registerAll(reg, window, 1, false));
             expectTrack(lastRun[0], k - 2, k - 1, "after " + std::to_string(k));
+            // Once the ring has turned, it gives the bits of one filled with this window afresh.
+            SrFloatRegistration1 fresh(reg);
+            fresh.clearFrames();
+            const Registered again = registerAll(fresh, window, 1);
+            EXPECT_EQ(lastRun[0].masks, again.masks) << k;
+            EXPECT_EQ(lastRun[0].complete[0].x, again.complete[0].x) << k;
+            EXPECT_EQ(lastRun[0].complete[2].y, again.complete[2].y) << k;
         }
     }
     // The original moves on (after clearFrames its ring fills again from its
