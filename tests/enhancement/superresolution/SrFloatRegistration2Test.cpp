@@ -375,6 +375,23 @@ TEST(SrFloatRegistration2, MaskDropsAChangedRegionWhereTheCutFrameShowsIt)
     EXPECT_EQ(1, r.masks[1][50 * 160 + 100]);
 }
 
+TEST(SrFloatRegistration2, LargerRegErrorNeverKeepsFewerPixels)
+{
+    std::vector<cv::Mat_<float>> frames = burst(160, 120, {{0.0f, 0.0f}, {1.4f, -2.45f}});
+    int previous = 0, first = -1;
+    for (const float regError : {1e-7f, 1e-6f, 1e-5f, 1e-4f, 1.0f}) {
+        SrFloatRegistration2 reg(160, 120, 2);
+        reg.setRegError(regError);
+        const Registered r = registerAll(reg, frames, 0);
+        ASSERT_EQ(0, r.rc);
+        const int kept = cv::countNonZero(cv::Mat(r.masks[1]));
+        EXPECT_GE(kept, previous) << regError;
+        previous = kept;
+        first = first < 0 ? kept : first;
+    }
+    EXPECT_LT(first, previous);  // the sweep does reach pixels that only a larger error keeps
+}
+
 TEST(SrFloatRegistration2, RealThermalFramesRegisterWithUsableMasks)
 {
     // A real 16-bit still (values up to about 5300) at known shifts with
