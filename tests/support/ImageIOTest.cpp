@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 
@@ -89,6 +90,10 @@ TEST(ImageIO, MisuseIsReportedAndFailedSavesLeaveNoFile)
     EXPECT_FALSE(ImageIO::save(dir.file("missing/z.pfm"), cv::Mat::ones(2, 2, CV_32F), ImageIO::kSaveAtomic));
     ASSERT_TRUE(ImageIO::save(dir.file("z.pfm"), cv::Mat::ones(2, 2, CV_32F), ImageIO::kSaveAtomic));
     EXPECT_FALSE(std::ifstream(dir.file("z.pfm.part")).is_open());
+    // The file is written but cannot replace a folder: the temporary goes too.
+    std::filesystem::create_directory(dir.file("folder.pfm"));
+    EXPECT_FALSE(ImageIO::save(dir.file("folder.pfm"), cv::Mat::ones(2, 2, CV_32F), ImageIO::kSaveAtomic));
+    EXPECT_FALSE(std::ifstream(dir.file("folder.pfm.part")).is_open());
 }
 
 TEST(ImageIO, LoadRejectsBrokenFilesWithTheirName)
