@@ -284,8 +284,10 @@ void SuperResolutionBadPixelHandling::classifyRowByValue_(const cv::Mat_<float>&
 //      exactly from the histograms: the merged upper-bit histogram finds the
 //      bin of the wanted rank, a second scan counts the lower 16 bits of the
 //      keys in that bin. This gives the same order statistics as a sort of
-//      the values; a NaN spread (possible only with infinite limits) falls
-//      back to nth_element on the spreads in row order;
+//      the values. A NaN spread would have no place in that order; the
+//      bounds start from +-FLT_MAX, so none should occur even with infinite
+//      limits, but if one does, the median falls back to nth_element on the
+//      spreads in row order, as the detector has always computed it;
 //   4. the outlier test per pixel and each row's good extremes.
 // The outlier test reads only the bounds of step 2, so every pixel is judged
 // against the same neighbours whatever the order or sharing of the rows.
@@ -317,6 +319,10 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
     if (histogram.size() < histogramSize)
         histogram.resize(histogramSize);
     std::uint32_t* const lowerBits = histogram.data() + 2 * static_cast<std::size_t>(threads) * kBins;
+    // Room for the fallback's spreads, so that nothing is allocated inside
+    // the parallel region.
+    if (spreads.capacity() < pixels)
+        spreads.reserve(pixels);
 
     std::size_t judged = 0;
     std::size_t usable = 0;

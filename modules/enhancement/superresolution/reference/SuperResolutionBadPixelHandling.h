@@ -81,8 +81,8 @@ namespace kro {
 //     spread about 30): no scene pixel was flagged; of pixels set to 0, 991
 //     of 992 were found, of pixels raised by 1000 counts 97 %, by 300 counts
 //     about 60 %. Milder defects cannot be told from scene detail in one frame.
-//     About 3 ms per 640x512 frame on one core (rows are shared among
-//     threads for large frames; the result does not depend on their number).
+//     About 4 to 5 ms per 640x512 frame on one core; large frames share
+//     their rows among threads, with the same result for any thread count.
 //
 // Replacement (getReplacementValue_): the median of the good pixels of the
 // 3x3 neighbourhood; when none is good (a defect inside a cluster), the
@@ -232,13 +232,13 @@ private:
     int width;
     int height;
 
-    // Per-frame scratch, grown once to the frame size and reused.
+    // Per-frame scratch, grown once to the frame size and reused. `spreads`
+    // only serves the median's fallback for NaN spreads.
     std::vector<float> spreads;
-    std::vector<float> values;
     std::vector<float> lowBounds;
     std::vector<float> highBounds;
-    // Per row: the number of usable values and of judged pixels, then their
-    // offsets in `values` and `spreads`; the smallest and largest good value.
+    // Per row: the number of usable values and of judged pixels; whether the
+    // row has a good pixel, and its smallest and largest good value.
     std::vector<std::size_t> rowValueCount;
     std::vector<std::size_t> rowSpreadCount;
     std::vector<float> rowGoodMin;

@@ -509,7 +509,7 @@ TEST(BadPixelDetection, RealDrivingFramesKeepTheirSceneAndGiveUpTheirDeadPixels)
 // to share its rows between two threads), with dead, hot, raised, NaN and
 // camera-marked pixels, a dead pair, a dead corner and a marked block whose
 // centre no good pixel reaches. Frames, maps and return codes must not depend on the thread count,
-// also when infinite limits let NaN spreads into the frame's statistics.
+// also when infinite limits let infinite values into the frame's statistics.
 TEST(BadPixelDetection, ResultsDoNotDependOnTheThreadCount)
 {
     const std::string path = std::string(KROLIB_TEST_DATA_DIR) + "/thermal/drive_crop_160x128x10_u16.raw";
