@@ -241,11 +241,17 @@ void SrFloatConvolution::blurImageMeanFilter(cv::Mat_<float>& src, int radius,
         KRO_THROW("image " << cols << "x" << rows << " too small for mean filter radius "
                            << radius);
 
-    // A static helper has no object to hold buffers: the intermediate image
-    // is allocated per call (the registrations call this once per frame on
-    // low-resolution frames).
-    cv::Mat_<float> horizontal(rows, cols);
-    std::vector<float> sums(static_cast<std::size_t>(cols));
+    // A static helper has no object to hold buffers, and the registrations
+    // call it once per frame from their parallel loops: each thread keeps its
+    // own scratch, which only grows, so steady-state calls allocate nothing.
+    thread_local std::vector<float> scratch;
+    thread_local std::vector<float> sums;
+    const std::size_t pixels = static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols);
+    if (scratch.size() < pixels)
+        scratch.resize(pixels);
+    if (sums.size() < static_cast<std::size_t>(cols))
+        sums.resize(static_cast<std::size_t>(cols));
+    cv::Mat_<float> horizontal(rows, cols, scratch.data());
 
     float sum = 0.0f;
     for (int y = 0; y < rows; ++y)

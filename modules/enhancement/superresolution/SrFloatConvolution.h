@@ -77,7 +77,8 @@ public:
     // where it becomes the mean of the samples inside the image. dst is
     // (re)created with src's size if needed; dst may be src. Throws Exception
     // when src is empty, radius is negative or 2*radius + 1 exceeds the width
-    // or the height.
+    // or the height. Thread-safe; each calling thread keeps a scratch image of
+    // the largest size it has filtered.
     static void blurImageMeanFilter(cv::Mat_<float>& src, int radius, cv::Mat_<float>& dst);
 
     int getFineWidth() const { return fineWidth; }
