@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include "RawFrames.h"
 #include "ClusterPatternRemover.h"
 #include "ImageIO.h"
 #include "SpatialNoiseRemover.h"
@@ -38,32 +39,13 @@ int kroenhance(const std::string& args)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-template <class T>
-std::vector<cv::Mat_<T>> readRaw(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::vector<cv::Mat_<T>> frames;
-    for (cv::Mat_<T> frame(kSize); in.read(reinterpret_cast<char*>(frame.data), frame.total() * sizeof(T));
-         frame = cv::Mat_<T>(kSize))
-        frames.push_back(frame);
-    return frames;
-}
-
-template <class T>
-void writeRaw(const std::string& path, const std::vector<cv::Mat_<T>>& frames)
-{
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& f : frames)
-        out.write(reinterpret_cast<const char*>(f.data), static_cast<std::streamsize>(f.total() * sizeof(T)));
-}
-
 // The recording through a 16-bit filter, which works on the offset binary
 // of the samples (value - 32768).
 template <class Filter>
 Recording filterRecording(Filter&& filter)
 {
     Recording out;
-    for (const auto& frame : readRaw<unsigned short>(kData)) {
+    for (const auto& frame : krotest::readRaw<unsigned short>(kData, kSize)) {
         cv::Mat_<short> in, filtered;
         frame.convertTo(in, CV_16S, 1.0, -32768.0);
         filter.process(in, filtered);
@@ -75,7 +57,7 @@ Recording filterRecording(Filter&& filter)
 
 void expectSameRecording(const Recording& expected, const std::string& path)
 {
-    const auto actual = readRaw<unsigned short>(path);
+    const auto actual = krotest::readRaw<unsigned short>(path, kSize);
     ASSERT_EQ(actual.size(), expected.size()) << path;
     for (std::size_t i = 0; i < expected.size(); ++i)
         EXPECT_IMAGES_EQUAL(expected[i], actual[i]) << path << " frame " << i;
@@ -97,7 +79,7 @@ TEST(FilterCommands, TnrSnrAndSprMatchTheLibrary)
         {"spr --threshold 60 --line-limit 3 --frame-limit 5",
          [] { return filterRecording(StaticPatternRemover(60, 3, 5)); }},
     };
-    const Recording input = readRaw<unsigned short>(kData);
+    const Recording input = krotest::readRaw<unsigned short>(kData, kSize);
     for (const auto& [args, filtered] : cases) {
         SCOPED_TRACE(args);
         ASSERT_EQ(kroenhance(args + kRawInput + kData + " -o " + dir.file("out.raw")), 0);
@@ -115,7 +97,7 @@ TEST(FilterCommands, TnrSnrAndSprMatchTheLibrary)
 TEST(FilterCommands, SignedFloatAndImageInputsGiveTheLibrarysSamples)
 {
     krotest::TempDir dir;
-    const Recording frames = readRaw<unsigned short>(kData);
+    const Recording frames = krotest::readRaw<unsigned short>(kData, kSize);
     std::vector<cv::Mat_<short>> signedFrames(frames.size());
     std::vector<cv::Mat_<float>> floatFrames(frames.size());
     std::string pngs;
@@ -125,15 +107,15 @@ TEST(FilterCommands, SignedFloatAndImageInputsGiveTheLibrarysSamples)
         pngs += dir.file("in_" + std::to_string(10 + i) + ".png") + " ";
         ASSERT_TRUE(cv::imwrite(dir.file("in_" + std::to_string(10 + i) + ".png"), frames[i]));
     }
-    writeRaw(dir.file("in_s16.raw"), signedFrames);
-    writeRaw(dir.file("in_f32.raw"), floatFrames);
+    krotest::writeRaw(dir.file("in_s16.raw"), signedFrames);
+    krotest::writeRaw(dir.file("in_f32.raw"), floatFrames);
     ASSERT_EQ(kroenhance("spr --size 160x128 --format s16 " + dir.file("in_s16.raw") + " -o " + dir.file("s.raw")), 0);
     ASSERT_EQ(kroenhance("unsharp --amount 1.5 --sigma 1.2 --threshold 0.01 --size 160x128 --format f32 " +
                          dir.file("in_f32.raw") + " -o " + dir.file("u.raw")), 0);
     ASSERT_EQ(kroenhance("tnr " + pngs + "-o " + dir.file("out_%02d.png")), 0);
 
-    const auto spr = readRaw<short>(dir.file("s.raw"));
-    const auto unsharp = readRaw<float>(dir.file("u.raw"));
+    const auto spr = krotest::readRaw<short>(dir.file("s.raw"), kSize);
+    const auto unsharp = krotest::readRaw<float>(dir.file("u.raw"), kSize);
     ASSERT_EQ(spr.size(), frames.size());
     ASSERT_EQ(unsharp.size(), frames.size());
     StaticPatternRemover filter(22, 12, 16);
@@ -161,7 +143,7 @@ TEST(FilterCommands, ClusterLearnsOverTheRecordingThenApplies)
     ClusterPatternRemover remover(3, 3, 25.0f, 0.0f, 150.0f);
     ASSERT_TRUE(remover.setAlphaDamping(0.3f));
     std::vector<cv::Mat_<float>> values;
-    for (const auto& f : readRaw<unsigned short>(kData)) {
+    for (const auto& f : krotest::readRaw<unsigned short>(kData, kSize)) {
         values.emplace_back();
         f.convertTo(values.back(), CV_32F);
     }

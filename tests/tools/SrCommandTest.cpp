@@ -18,6 +18,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "RawFrames.h"
 #include "BurstGenerator.h"
 #include "SuperResolutionCAdapter.h"
 #include "TestImages.h"
@@ -49,25 +50,6 @@ Result kroenhance(const krotest::TempDir& dir, const std::string& args)
     const Result r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(dir.file("stderr.txt"))};
     fs::remove(dir.file("stderr.txt"));
     return r;
-}
-
-template <class T>
-std::vector<cv::Mat_<T>> readRaw(const std::string& path, cv::Size size)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::vector<cv::Mat_<T>> frames;
-    for (cv::Mat_<T> frame(size); in.read(reinterpret_cast<char*>(frame.data), frame.total() * sizeof(T));
-         frame = cv::Mat_<T>(size))
-        frames.push_back(frame);
-    return frames;
-}
-
-template <class T>
-void writeRaw(const std::string& path, const std::vector<cv::Mat_<T>>& frames)
-{
-    std::ofstream out(path, std::ios::binary);
-    for (const auto& f : frames)
-        out.write(reinterpret_cast<const char*>(f.data), static_cast<std::streamsize>(f.total() * sizeof(T)));
 }
 
 // Every integer value of `field` in the report, in order.
@@ -108,12 +90,12 @@ TEST(SrCommand, OutputIsTheCInterfacesAndFailedFramesAreBicubicEnlargements)
     // A flat frame: nothing to track in any window that holds it (the last
     // three), while the first two windows reconstruct.
     frames[6].setTo(1000.0f);
-    writeRaw(dir.file("in.raw"), frames);
+    krotest::writeRaw(dir.file("in.raw"), frames);
 
     const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
                                            dir.file("out.raw") + " --report " + dir.file("r.json"));
     ASSERT_EQ(run.status, 0) << run.err;
-    const auto out = readRaw<float>(dir.file("out.raw"), kHigh);
+    const auto out = krotest::readRaw<float>(dir.file("out.raw"), kHigh);
     ASSERT_EQ(out.size(), 5u) << "one output frame per input frame from the fifth on";
     EXPECT_EQ(fs::file_size(dir.file("out.raw")), 5u * kHigh.area() * sizeof(float));
 
@@ -161,7 +143,7 @@ TEST(SrCommand, NothingIsWrittenWhenNoFrameCanBeReconstructed)
     krotest::TempDir dir;
     std::vector<cv::Mat_<float>> frames = syntheticRecording(6);
     frames[3].setTo(500.0f);  // in both windows
-    writeRaw(dir.file("in.raw"), frames);
+    krotest::writeRaw(dir.file("in.raw"), frames);
     const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
                                            dir.file("out_%02d.png") + " --report " + dir.file("r.json"));
     EXPECT_EQ(run.status, 1);
@@ -185,7 +167,7 @@ TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOu
     krotest::TempDir dir;
     // The real recording stretched beyond the 16-bit range on both sides,
     // so that the 16-bit outputs must saturate.
-    const auto drive = readRaw<unsigned short>(kDriveCrop, cv::Size(160, 128));
+    const auto drive = krotest::readRaw<unsigned short>(kDriveCrop, cv::Size(160, 128));
     ASSERT_EQ(drive.size(), 10u);
     const double mean = cv::mean(drive[0])[0];
     double low = 0.0, high = 0.0;
@@ -194,7 +176,7 @@ TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOu
     std::vector<cv::Mat_<float>> frames(drive.size());
     for (std::size_t i = 0; i < drive.size(); ++i)
         drive[i].convertTo(frames[i], CV_32F, gain, 32768.0 - mean * gain);
-    writeRaw(dir.file("in.raw"), frames);
+    krotest::writeRaw(dir.file("in.raw"), frames);
     // (The corner engine: the phase engine's FFT plans, timed per process,
     // may differ in the last bits between the two runs.)
     const std::string sr = "sr --window 3 --reference-index 0 --size 160x128 --format f32 " + dir.file("in.raw");
@@ -207,8 +189,8 @@ TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOu
     EXPECT_EQ(reportIntegers(report, "reference_input_index"), (std::vector<long long>{2, 3, 4, 5, 6, 7, 8, 9}));
     EXPECT_EQ(reportIntegers(report, "output_index"), (std::vector<long long>{0, 1, 2, 3, 4, 5, 6, 7}));
     const cv::Size high2(320, 256);
-    const auto exact = readRaw<float>(dir.file("f.raw"), high2);
-    const auto rounded = readRaw<unsigned short>(dir.file("u.raw"), high2);
+    const auto exact = krotest::readRaw<float>(dir.file("f.raw"), high2);
+    const auto rounded = krotest::readRaw<unsigned short>(dir.file("u.raw"), high2);
     EXPECT_EQ(fs::file_size(dir.file("f.raw")), 8u * high2.area() * sizeof(float));
     ASSERT_EQ(exact.size(), 8u);
     ASSERT_EQ(rounded.size(), 8u);
