@@ -7,6 +7,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "RegisteredFrames.h"
 #include "Exception.h"
 #include "IntegerModel.h"
 #include "ShiftedFrames.h"
@@ -27,41 +28,12 @@ public:
 
 namespace {
 
-// One doRegistration over caller-owned buffers: the pointer lists, and what
-// the call hands back (work frames start at -1 and masks at 7, so that an
-// untouched buffer shows).
-struct Registered {
-    explicit Registered(std::vector<cv::Mat_<float>>& frames)
-        : shifts(frames.size(), PointF(-99.0f, -99.0f)), masks(frames.size(), std::vector<char>(frames[0].total(), 7))
-    {
-        for (size_t i = 0; i < frames.size(); ++i) {
-            work.emplace_back(frames[i].size(), -1.0f);
-            framePtrs.push_back(frames[i].ptr<float>());
-            workPtrs.push_back(work.back().ptr<float>());
-            maskPtrs.push_back(masks[i].data());
-        }
-    }
-    int run(SrFloatRegistration1& reg, int refPos)
-    {
-        const int rc = reg.doRegistration(static_cast<int>(framePtrs.size()), refPos, framePtrs.data(),
-                                          shifts.data(), maskPtrs.data(), workPtrs.data());
-        reg.getCompleteShifts(complete);
-        return rc;
-    }
-    std::vector<PointF> shifts, complete;  // sub-pixel remainders, complete shifts
-    std::vector<std::vector<char>> masks;
-    std::vector<cv::Mat_<float>> work;
-    std::vector<float*> framePtrs, workPtrs;
-    std::vector<char*> maskPtrs;
-};
+using Registered = krotest::RegisteredFrames;
 
 Registered registerAll(SrFloatRegistration1& reg, std::vector<cv::Mat_<float>>& frames, int refPos, bool prepare = true)
 {
-    if (prepare)
-        for (cv::Mat_<float>& f : frames)
-            reg.prepareFrame(f.ptr<float>());
-    Registered r(frames);
-    EXPECT_EQ(0, r.run(reg, refPos));
+    Registered r = krotest::registerAll(reg, frames, refPos, prepare);
+    EXPECT_EQ(0, r.rc);
     return r;
 }
 

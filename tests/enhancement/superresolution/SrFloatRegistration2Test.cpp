@@ -11,6 +11,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "RegisteredFrames.h"
 #include "Exception.h"
 #include "IntegerModel.h"
 #include "LogFacility.h"
@@ -33,39 +34,8 @@ namespace {
 
 using Peer = SrFloatRegistration2Peer;
 
-// One doRegistration over caller-owned buffers: the pointer lists, and what
-// the call hands back (work frames start at -1 and masks at 7, so that an
-// untouched buffer shows).
-struct Registered {
-    explicit Registered(std::vector<cv::Mat_<float>>& frames)
-        : shifts(frames.size(), PointF(-99.0f, -99.0f)), masks(frames.size(), std::vector<char>(frames[0].total(), 7))
-    {
-        for (size_t i = 0; i < frames.size(); ++i) {
-            work.emplace_back(frames[i].size(), -1.0f);
-            framePtrs.push_back(frames[i].ptr<float>());
-            workPtrs.push_back(work.back().ptr<float>());
-            maskPtrs.push_back(masks[i].data());
-        }
-    }
-    int rc = 0;
-    std::vector<PointF> shifts, complete;  // what the caller's array holds afterwards, getCompleteShifts
-    std::vector<std::vector<char>> masks;
-    std::vector<cv::Mat_<float>> work;
-    std::vector<float*> framePtrs, workPtrs;
-    std::vector<char*> maskPtrs;
-};
-
-Registered registerAll(SrFloatRegistration2& reg, std::vector<cv::Mat_<float>>& frames, int ref, bool prepare = true)
-{
-    if (prepare)
-        for (cv::Mat_<float>& f : frames)
-            reg.prepareFrame(f.ptr<float>());
-    Registered r(frames);
-    r.rc = reg.doRegistration(static_cast<int>(frames.size()), ref, r.framePtrs.data(), r.shifts.data(),
-                              r.maskPtrs.data(), r.workPtrs.data());
-    reg.getCompleteShifts(r.complete);
-    return r;
-}
+using Registered = krotest::RegisteredFrames;
+using krotest::registerAll;
 
 int roundHalfUp(float v) { return static_cast<int>(std::floor(v + 0.5f)); }
 
