@@ -1,0 +1,212 @@
+#include "detail/SrRobustWeights.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <opencv2/imgproc.hpp>
+
+#include "detail/BoxSensorModel.h"
+
+namespace velmor {
+namespace kro {
+namespace detail {
+
+namespace {
+
+// Offsets between a frame and the reference that vary more slowly than this
+// (Gaussian sigma, input pixels) are taken for drift or shading, not scene.
+constexpr double kOffsetSigma = 8.0;
+// The consistency test looks at differences low-passed with this sigma:
+// aliasing (which a sub-pixel shifted frame legitimately adds) is mostly
+// above it, misalignment and moving objects mostly below.
+constexpr double kCompareSigma = 1.0;
+// 1.4826 * median absolute value is the deviation of normal noise.
+constexpr float kMadToSigma = 1.4826f;
+// Share of one sample's weight below which an output pixel counts as
+// supported by the reference alone.
+constexpr float kFallbackWeight = 0.025f;
+
+float medianAbs(const cv::Mat_<float>& m, std::vector<float>& scratch)
+{
+    scratch.assign(m.begin(), m.end());
+    for (float& v : scratch)
+        v = std::fabs(v);
+    const auto mid = scratch.begin() + static_cast<std::ptrdiff_t>(scratch.size() / 2);
+    std::nth_element(scratch.begin(), mid, scratch.end());
+    return *mid;
+}
+
+} // namespace
+
+long long replaceNonFinite(cv::Mat_<float>& frame, cv::Mat_<uchar>& finite)
+{
+    finite.create(frame.size());
+    std::vector<float> values;
+    long long bad = 0;
+    for (int r = 0; r < frame.rows; ++r)
+        for (int c = 0; c < frame.cols; ++c) {
+            const bool ok = std::isfinite(frame(r, c));
+            finite(r, c) = ok ? 255 : 0;
+            bad += ok ? 0 : 1;
+        }
+    if (bad == 0)
+        return 0;
+    for (int r = 0; r < frame.rows; ++r)
+        for (int c = 0; c < frame.cols; ++c)
+            if (finite(r, c))
+                values.push_back(frame(r, c));
+    float median = 0.0f;
+    if (!values.empty()) {
+        const auto mid = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+        std::nth_element(values.begin(), mid, values.end());
+        median = *mid;
+    }
+    frame.setTo(median, finite == 0);
+    return bad;
+}
+
+SrRobustWeights::SrRobustWeights(int width, int height) : width_(width), height_(height)
+{
+    gridX_.create(height, width);
+    gridY_.create(height, width);
+    for (int r = 0; r < height; ++r)
+        for (int c = 0; c < width; ++c) {
+            gridX_(r, c) = static_cast<float>(c);
+            gridY_(r, c) = static_cast<float>(r);
+        }
+    ones_ = cv::Mat_<float>::ones(height, width);
+}
+
+void SrRobustWeights::align(Frame& f, const cv::Mat_<float>& frame, const cv::Mat& refByte, int threads)
+{
+    motion_.toByte(frame, f.byte);
+    motion_.flow(f.byte, refByte, f.forward);
+    motion_.flow(refByte, f.byte, f.backward);
+    f.spread = DenseMotion::spread(f.forward, f.shift, scratch_);
+
+    std::vector<cv::Mat> parts;
+    cv::split(f.forward, parts);
+    cv::add(gridX_, parts[0], f.posX);
+    cv::add(gridY_, parts[1], f.posY);
+
+    // What the reference-only image predicts at this frame's sample
+    // positions; the slowly varying part of the difference is an offset.
+    sampleBox(box_, f.posX, f.posY, pred_, threads);
+    cv::subtract(frame, pred_, f.lowDiff);
+    cv::Mat_<float> offset;
+    cv::GaussianBlur(f.lowDiff, offset, cv::Size(), kOffsetSigma, kOffsetSigma, cv::BORDER_REFLECT);
+    cv::subtract(frame, offset, f.samples);
+    f.lowDiff -= offset;
+    cv::GaussianBlur(f.lowDiff, f.lowDiff, cv::Size(), kCompareSigma, kCompareSigma, cv::BORDER_REFLECT);
+    f.noise = kMadToSigma * medianAbs(f.lowDiff, scratch_);
+
+    cv::Mat_<float> smooth, gx, gy;
+    cv::GaussianBlur(f.samples, smooth, cv::Size(), kCompareSigma, kCompareSigma, cv::BORDER_REFLECT);
+    cv::Sobel(smooth, gx, CV_32F, 1, 0, 3, 0.125);
+    cv::Sobel(smooth, gy, CV_32F, 0, 1, 3, 0.125);
+    cv::magnitude(gx, gy, f.gradient);
+}
+
+void SrRobustWeights::weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise,
+                            const SrRobustOptions& options)
+{
+    // Motion that is one shift is measured from the whole frame, so edges
+    // may differ by aliasing without being misaligned; local motion is not
+    // trusted that far.
+    const float rigid = std::max(0.0f, 1.0f - f.spread / options.rigidSpread);
+    const float perGradient = options.edgeTolerance * rigid;
+    const float base = options.consistency * noise;
+
+    // The backward flow at each sample's position must lead back to it.
+    cv::Mat backAtSample;
+    cv::remap(f.backward, backAtSample, f.posX, f.posY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+    f.weight.create(height_, width_);
+    const float maxErr2 = options.maxFlowError * options.maxFlowError;
+    const float right = static_cast<float>(width_ - 1);
+    const float bottom = static_cast<float>(height_ - 1);
+    for (int r = 0; r < height_; ++r) {
+        const cv::Vec2f* fw = f.forward[r];
+        const cv::Vec2f* bw = backAtSample.ptr<cv::Vec2f>(r);
+        for (int c = 0; c < width_; ++c) {
+            const float tol = base + perGradient * f.gradient(r, c);
+            float w = tol > 0.0f ? std::min(1.0f, std::max(0.0f, 2.0f - std::fabs(f.lowDiff(r, c)) / tol)) : 0.0f;
+            const float ex = fw[c][0] + bw[c][0];
+            const float ey = fw[c][1] + bw[c][1];
+            const float x = f.posX(r, c);
+            const float y = f.posY(r, c);
+            if (ex * ex + ey * ey > maxErr2 || x < 0.0f || y < 0.0f || x > right || y > bottom ||
+                !finite(r, c))
+                w = 0.0f;
+            f.weight(r, c) = w;
+        }
+    }
+    // A sample next to a rejected one is doubtful too (edges of moving objects).
+    cv::erode(f.weight, f.weight, cv::Mat(), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+}
+
+double SrRobustWeights::fallbackFraction(int ref, int threads)
+{
+    fineSum_.create(2 * height_, 2 * width_);
+    fineSum_.setTo(0.0f);
+    for (int k = 0; k < static_cast<int>(frames_.size()); ++k)
+        if (k != ref)
+            scatterToBox(frames_[k].weight, frames_[k].posX, frames_[k].posY, fineSum_);
+    boxImageAdjoint(fineSum_, fineAdjoint_, threads);
+    return static_cast<double>(cv::countNonZero(fineAdjoint_ < kFallbackWeight)) /
+           static_cast<double>(fineAdjoint_.total());
+}
+
+void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
+                              const std::vector<const cv::Mat_<uchar>*>& finite, int ref,
+                              const cv::Mat_<float>& referenceOnly, const SrRobustOptions& options,
+                              int threads, SrRobustReport& report)
+{
+    const int n = static_cast<int>(window.size());
+    frames_.resize(n);
+    motion_.setStretchFrom(*window[ref]);
+    motion_.toByte(*window[ref], refByte_);
+    boxImage(referenceOnly, box_, threads);
+
+    // The noise deviation is that of the most consistent frame: a frame that
+    // disagrees everywhere (a scene cut) must not raise the threshold. A
+    // floor of 1/5000 of the reference's range keeps noise-free input from
+    // demanding exact equality.
+    double low = 0.0, high = 0.0;
+    cv::minMaxLoc(*window[ref], &low, &high);
+    float noise = std::max(1e-6f, static_cast<float>(2e-4 * (high - low)));
+    float best = -1.0f;
+    for (int k = 0; k < n; ++k) {
+        if (k == ref)
+            continue;
+        align(frames_[k], *window[k], refByte_, threads);
+        best = best < 0.0f ? frames_[k].noise : std::min(best, frames_[k].noise);
+    }
+    noise = std::max(noise, best);
+
+    report.frames.assign(n, SrRobustFrame());
+    double rejected = 0.0;
+    for (int k = 0; k < n; ++k) {
+        Frame& f = frames_[k];
+        SrRobustFrame& out = report.frames[k];
+        if (k == ref) {
+            gridX_.copyTo(f.posX);
+            gridY_.copyTo(f.posY);
+            ones_.copyTo(f.weight);
+            out.reference = true;
+            continue;
+        }
+        weigh(f, *finite[k], noise, options);
+        out.shiftX = f.shift.x;
+        out.shiftY = f.shift.y;
+        out.flowSpread = f.spread;
+        out.rejectedFraction = 1.0 - cv::mean(f.weight)[0];
+        rejected += out.rejectedFraction;
+    }
+    report.noise = noise;
+    report.rejectedFraction = n > 1 ? rejected / (n - 1) : 1.0;
+    report.fallbackFraction = n > 1 ? fallbackFraction(ref, threads) : 1.0;
+}
+
+} // namespace detail
+} // namespace kro
+} // namespace velmor
