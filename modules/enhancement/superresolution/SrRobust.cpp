@@ -62,7 +62,7 @@ struct SrRobust::State {
     int count = 0;
     detail::SrRobustWeights weights;
     // Work images, allocated once for the frame size.
-    cv::Mat_<float> fine, box, fineStep, fineScratch, coarseScratch, weightSum, normaliser;
+    cv::Mat_<float> fine, alone, box, fineStep, fineScratch, coarseScratch, weightSum, normaliser;
     std::vector<cv::Mat_<float>> accumulators; // one per frame, summed in frame order
     std::vector<cv::Mat_<float>> residuals;
     std::vector<cv::Mat_<uchar>> ringFinite;   // 255 where the input sample was finite
@@ -209,8 +209,16 @@ void SrRobust::computeSR(cv::Mat_<float>& out, SrRobustReport* report)
     rep.motionMs = millisecondsSince(start);
 
     start = std::chrono::steady_clock::now();
-    if (n > 1 && s.options.iterations > 0 && rep.rejectedFraction < 1.0)
+    if (n > 1 && s.options.iterations > 0 && rep.rejectedFraction < 1.0) {
+        s.fine.copyTo(s.alone);
         s.merge(reference, threads);
+        // The merge moves the image only as far as other frames support it:
+        // where none agrees the result is exactly the reference-only image,
+        // not that image with more back-projection steps.
+        cv::subtract(s.fine, s.alone, s.fineStep);
+        cv::multiply(s.fineStep, s.weights.support(), s.fineStep);
+        cv::add(s.alone, s.fineStep, s.fine);
+    }
     rep.mergeMs = millisecondsSince(start);
 
     if (rep.nonFiniteSamples > 0)

@@ -16,27 +16,52 @@ namespace {
 // Offsets between a frame and the reference that vary more slowly than this
 // (Gaussian sigma, input pixels) are taken for drift or shading, not scene.
 constexpr double kOffsetSigma = 8.0;
+// Differences beyond this many robust deviations do not shape the offset.
+constexpr float kOffsetClip = 3.0f;
 // The consistency test looks at differences low-passed with this sigma:
 // aliasing (which a sub-pixel shifted frame legitimately adds) is mostly
 // above it, misalignment and moving objects mostly below.
 constexpr double kCompareSigma = 1.0;
 // 1.4826 * median absolute value is the deviation of normal noise.
 constexpr float kMadToSigma = 1.4826f;
-// Share of one sample's weight below which an output pixel counts as
-// supported by the reference alone.
-constexpr float kFallbackWeight = 0.025f;
+// Support (see support()) below which an output pixel counts as the
+// reference's alone in the report.
+constexpr float kFallbackSupport = 0.1f;
 
-float medianAbs(const cv::Mat_<float>& m, std::vector<float>& scratch)
+float medianOfScratch(std::vector<float>& scratch)
 {
-    scratch.assign(m.begin(), m.end());
-    for (float& v : scratch)
-        v = std::fabs(v);
     const auto mid = scratch.begin() + static_cast<std::ptrdiff_t>(scratch.size() / 2);
     std::nth_element(scratch.begin(), mid, scratch.end());
     return *mid;
 }
 
+float medianOf(const cv::Mat_<float>& m, std::vector<float>& scratch)
+{
+    scratch.assign(m.begin(), m.end());
+    return medianOfScratch(scratch);
+}
+
+float medianAbsAround(const cv::Mat_<float>& m, float centre, std::vector<float>& scratch)
+{
+    scratch.assign(m.begin(), m.end());
+    for (float& v : scratch)
+        v = std::fabs(v - centre);
+    return medianOfScratch(scratch);
+}
+
+float medianAbs(const cv::Mat_<float>& m, std::vector<float>& scratch)
+{
+    return medianAbsAround(m, 0.0f, scratch);
+}
+
 } // namespace
+
+float SrRobustWeights::referenceDeviation(const cv::Mat_<float>& reference)
+{
+    cv::blur(reference, pred_, cv::Size(3, 3), cv::Point(-1, -1), cv::BORDER_REFLECT);
+    cv::subtract(reference, pred_, pred_);
+    return kMadToSigma * medianAbs(pred_, scratch_);
+}
 
 long long replaceNonFinite(cv::Mat_<float>& frame, cv::Mat_<uchar>& finite)
 {
@@ -93,8 +118,15 @@ void SrRobustWeights::align(Frame& f, const cv::Mat_<float>& frame, const cv::Ma
     // positions; the slowly varying part of the difference is an offset.
     sampleBox(box_, f.posX, f.posY, pred_, threads);
     cv::subtract(frame, pred_, f.lowDiff);
+    // Moving objects give large differences that must not leak into the
+    // offset around them: the difference is clipped to a few of its own
+    // robust deviations (around its median) before it is smoothed.
+    const float median = medianOf(f.lowDiff, scratch_);
+    const float clip = kOffsetClip * kMadToSigma * medianAbsAround(f.lowDiff, median, scratch_);
     cv::Mat_<float> offset;
-    cv::GaussianBlur(f.lowDiff, offset, cv::Size(), kOffsetSigma, kOffsetSigma, cv::BORDER_REFLECT);
+    cv::min(f.lowDiff, median + clip, offset);
+    cv::max(offset, median - clip, offset);
+    cv::GaussianBlur(offset, offset, cv::Size(), kOffsetSigma, kOffsetSigma, cv::BORDER_REFLECT);
     cv::subtract(frame, offset, f.samples);
     f.lowDiff -= offset;
     cv::GaussianBlur(f.lowDiff, f.lowDiff, cv::Size(), kCompareSigma, kCompareSigma, cv::BORDER_REFLECT);
@@ -122,8 +154,10 @@ void SrRobustWeights::weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise
     cv::remap(f.backward, backAtSample, f.posX, f.posY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     f.weight.create(height_, width_);
     const float maxErr2 = options.maxFlowError * options.maxFlowError;
-    const float right = static_cast<float>(width_ - 1);
-    const float bottom = static_cast<float>(height_ - 1);
+    // A sample whose footprint still lies on the reference is inside: half
+    // a pixel beyond the outer centres (flow at the border is rarely exact).
+    const float right = static_cast<float>(width_) - 0.5f;
+    const float bottom = static_cast<float>(height_) - 0.5f;
     for (int r = 0; r < height_; ++r) {
         const cv::Vec2f* fw = f.forward[r];
         const cv::Vec2f* bw = backAtSample.ptr<cv::Vec2f>(r);
@@ -134,7 +168,7 @@ void SrRobustWeights::weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise
             const float ey = fw[c][1] + bw[c][1];
             const float x = f.posX(r, c);
             const float y = f.posY(r, c);
-            if (ex * ex + ey * ey > maxErr2 || x < 0.0f || y < 0.0f || x > right || y > bottom ||
+            if (ex * ex + ey * ey > maxErr2 || x < -0.5f || y < -0.5f || x > right || y > bottom ||
                 !finite(r, c))
                 w = 0.0f;
             f.weight(r, c) = w;
@@ -151,9 +185,12 @@ double SrRobustWeights::fallbackFraction(int ref, int threads)
     for (int k = 0; k < static_cast<int>(frames_.size()); ++k)
         if (k != ref)
             scatterToBox(frames_[k].weight, frames_[k].posX, frames_[k].posY, fineSum_);
-    boxImageAdjoint(fineSum_, fineAdjoint_, threads);
-    return static_cast<double>(cv::countNonZero(fineAdjoint_ < kFallbackWeight)) /
-           static_cast<double>(fineAdjoint_.total());
+    boxImageAdjoint(fineSum_, support_, threads);
+    // One frame fully accepted spreads a weight of 1/4 onto each output pixel.
+    support_ *= 4.0f;
+    cv::min(support_, 1.0f, support_);
+    return static_cast<double>(cv::countNonZero(support_ < kFallbackSupport)) /
+           static_cast<double>(support_.total());
 }
 
 void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
@@ -167,21 +204,23 @@ void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
     motion_.toByte(*window[ref], refByte_);
     boxImage(referenceOnly, box_, threads);
 
-    // The noise deviation is that of the most consistent frame: a frame that
-    // disagrees everywhere (a scene cut) must not raise the threshold. A
-    // floor of 1/5000 of the reference's range keeps noise-free input from
-    // demanding exact equality.
+    // The noise deviation is that of the most consistent frame, so that a
+    // frame that disagrees everywhere (a scene cut) does not raise the
+    // threshold; it is capped by the reference's own fine-scale deviation,
+    // so that a window in which every frame disagrees cannot raise it
+    // either. A floor of 1/5000 of the reference's range keeps noise-free
+    // input from demanding exact equality.
     double low = 0.0, high = 0.0;
     cv::minMaxLoc(*window[ref], &low, &high);
-    float noise = std::max(1e-6f, static_cast<float>(2e-4 * (high - low)));
-    float best = -1.0f;
+    const float floor = std::max(1e-6f, static_cast<float>(2e-4 * (high - low)));
+    float noise = referenceDeviation(*window[ref]);
     for (int k = 0; k < n; ++k) {
         if (k == ref)
             continue;
         align(frames_[k], *window[k], refByte_, threads);
-        best = best < 0.0f ? frames_[k].noise : std::min(best, frames_[k].noise);
+        noise = std::min(noise, frames_[k].noise);
     }
-    noise = std::max(noise, best);
+    noise = std::max(noise, floor);
 
     report.frames.assign(n, SrRobustFrame());
     double rejected = 0.0;
@@ -204,7 +243,12 @@ void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
     }
     report.noise = noise;
     report.rejectedFraction = n > 1 ? rejected / (n - 1) : 1.0;
-    report.fallbackFraction = n > 1 ? fallbackFraction(ref, threads) : 1.0;
+    if (n > 1) {
+        report.fallbackFraction = fallbackFraction(ref, threads);
+    } else {
+        support_ = cv::Mat_<float>::zeros(2 * height_, 2 * width_);
+        report.fallbackFraction = 1.0;
+    }
 }
 
 } // namespace detail

@@ -40,6 +40,9 @@ public:
     const cv::Mat_<float>& weight(int k) const { return frames_[k].weight; }
     // Frame k with its offset against the reference removed.
     const cv::Mat_<float>& samples(int k) const { return frames_[k].samples; }
+    // Per output pixel, how far frames other than the reference support it:
+    // 0 (none) to 1 (at least one frame's full weight), twice the size.
+    const cv::Mat_<float>& support() const { return support_; }
 
 private:
     struct Frame {
@@ -54,11 +57,12 @@ private:
     void align(Frame& f, const cv::Mat_<float>& frame, const cv::Mat& refByte, int threads);
     void weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise, const SrRobustOptions& options);
     double fallbackFraction(int ref, int threads);
+    float referenceDeviation(const cv::Mat_<float>& reference);
 
     int width_;
     int height_;
     DenseMotion motion_;
-    cv::Mat_<float> gridX_, gridY_, ones_, box_, pred_, fineSum_, fineAdjoint_;
+    cv::Mat_<float> gridX_, gridY_, ones_, box_, pred_, fineSum_, support_;
     cv::Mat refByte_;
     std::vector<Frame> frames_;
     std::vector<float> scratch_;
