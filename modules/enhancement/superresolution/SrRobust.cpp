@@ -47,6 +47,8 @@ std::string SrRobustOptions::validate() const
         m << "edge tolerance " << edgeTolerance << " out of range [0, 10]";
     else if (!(rigidSpread > 0.0f && rigidSpread <= 100.0f))
         m << "rigid spread " << rigidSpread << " out of range (0, 100]";
+    else if (!(localWeight > 0.0f && localWeight <= 1.0f))
+        m << "local weight " << localWeight << " out of range (0, 1]";
     else if (threads < 0)
         m << "thread count " << threads << " is negative";
     return m.str();
@@ -61,13 +63,14 @@ struct SrRobust::State {
     int first = 0;
     int count = 0;
     detail::SrRobustWeights weights;
+    detail::FlowChain chain;
     // Work images, allocated once for the frame size.
     cv::Mat_<float> fine, alone, box, fineStep, fineScratch, coarseScratch, weightSum, normaliser;
     std::vector<cv::Mat_<float>> accumulators; // one per frame, summed in frame order
     std::vector<cv::Mat_<float>> residuals;
     std::vector<cv::Mat_<uchar>> ringFinite;   // 255 where the input sample was finite
 
-    State(int w, int h, const SrRobustOptions& o) : options(o), width(w), height(h), weights(w, h)
+    State(int w, int h, const SrRobustOptions& o) : options(o), width(w), height(h), weights(w, h), chain(w, h, o.windowSize)
     {
         ring.assign(o.windowSize, cv::Mat_<float>());
         for (auto& f : ring)
@@ -140,6 +143,8 @@ void SrRobust::addFrame(const cv::Mat& frame)
     }
     frame.convertTo(s.ring[slot], CV_32F);
     s.ringNonFinite[slot] = detail::replaceNonFinite(s.ring[slot], s.ringFinite[slot]);
+    if (size > 1 && s.count > 1)
+        s.chain.link(slot, s.ring[(slot + size - 1) % size], s.ring[slot]);
 }
 
 void SrRobust::State::merge(const cv::Mat_<float>& reference, int threads)
@@ -201,11 +206,13 @@ void SrRobust::computeSR(cv::Mat_<float>& out, SrRobustReport* report)
                           threads);
     std::vector<const cv::Mat_<float>*> window(n);
     std::vector<const cv::Mat_<uchar>*> finite(n);
+    std::vector<int> slots(n);
     for (int k = 0; k < n; ++k) {
-        window[k] = &s.frame(k);
-        finite[k] = &s.ringFinite[(s.first + k) % s.ring.size()];
+        slots[k] = (s.first + k) % n;
+        window[k] = &s.ring[slots[k]];
+        finite[k] = &s.ringFinite[slots[k]];
     }
-    s.weights.compute(window, finite, ref, s.fine, s.options, threads, rep);
+    s.weights.compute(window, finite, ref, s.chain, slots, s.fine, s.options, threads, rep);
     rep.motionMs = millisecondsSince(start);
 
     start = std::chrono::steady_clock::now();

@@ -26,6 +26,8 @@ struct KROLIB_EXPORT SrRobustOptions {
                                  // one shift (see the class comment), [0, 10]
     float rigidSpread = 0.25f;   // flow spread (input pixels) at which motion stops counting as one
                                  // shift, (0, 100]
+    float localWeight = 0.5f;    // weight of the samples of a frame with local motion, relative to
+                                 // one that moves as one shift, (0, 1]
     int threads = 0;             // 0: OpenMP's default; n > 0: at most n threads
 
     // "" when every value is acceptable, else a message naming the first bad one.

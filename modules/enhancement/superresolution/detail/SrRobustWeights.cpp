@@ -35,23 +35,52 @@ float medianOfScratch(std::vector<float>& scratch)
     return *mid;
 }
 
+// Robust statistics of an image from every kStride-th sample of every
+// kStride-th row: the same estimate within a percent or so at a ninth of
+// the cost (a median of a full frame costs milliseconds).
+constexpr int kStride = 3;
+
+void subsample(const cv::Mat_<float>& m, float centre, std::vector<float>& scratch)
+{
+    scratch.clear();
+    for (int r = kStride / 2; r < m.rows; r += kStride)
+        for (int c = kStride / 2; c < m.cols; c += kStride)
+            scratch.push_back(m(r, c) - centre);
+    if (scratch.empty())
+        scratch.push_back(m(0, 0) - centre);
+}
+
 float medianOf(const cv::Mat_<float>& m, std::vector<float>& scratch)
 {
-    scratch.assign(m.begin(), m.end());
+    subsample(m, 0.0f, scratch);
     return medianOfScratch(scratch);
 }
 
 float medianAbsAround(const cv::Mat_<float>& m, float centre, std::vector<float>& scratch)
 {
-    scratch.assign(m.begin(), m.end());
+    subsample(m, centre, scratch);
     for (float& v : scratch)
-        v = std::fabs(v - centre);
+        v = std::fabs(v);
     return medianOfScratch(scratch);
 }
 
 float medianAbs(const cv::Mat_<float>& m, std::vector<float>& scratch)
 {
     return medianAbsAround(m, 0.0f, scratch);
+}
+
+// A Gaussian of kOffsetSigma, formed on a grid four times coarser (the
+// offset varies slowly by definition): a tenth of the full-size cost.
+void smoothOffset(cv::Mat_<float>& offset)
+{
+    if (offset.rows < 32 || offset.cols < 32) {
+        cv::GaussianBlur(offset, offset, cv::Size(), kOffsetSigma, kOffsetSigma, cv::BORDER_REFLECT);
+        return;
+    }
+    cv::Mat small;
+    cv::resize(offset, small, cv::Size(), 0.25, 0.25, cv::INTER_AREA);
+    cv::GaussianBlur(small, small, cv::Size(), kOffsetSigma / 4, kOffsetSigma / 4, cv::BORDER_REFLECT);
+    cv::resize(small, offset, offset.size(), 0, 0, cv::INTER_LINEAR);
 }
 
 } // namespace
@@ -102,11 +131,8 @@ SrRobustWeights::SrRobustWeights(int width, int height) : width_(width), height_
     ones_ = cv::Mat_<float>::ones(height, width);
 }
 
-void SrRobustWeights::align(Frame& f, const cv::Mat_<float>& frame, const cv::Mat& refByte, int threads)
+void SrRobustWeights::align(Frame& f, const cv::Mat_<float>& frame, int threads)
 {
-    motion_.toByte(frame, f.byte);
-    motion_.flow(f.byte, refByte, f.forward);
-    motion_.flow(refByte, f.byte, f.backward);
     f.spread = DenseMotion::spread(f.forward, f.shift, scratch_);
 
     std::vector<cv::Mat> parts;
@@ -126,7 +152,7 @@ void SrRobustWeights::align(Frame& f, const cv::Mat_<float>& frame, const cv::Ma
     cv::Mat_<float> offset;
     cv::min(f.lowDiff, median + clip, offset);
     cv::max(offset, median - clip, offset);
-    cv::GaussianBlur(offset, offset, cv::Size(), kOffsetSigma, kOffsetSigma, cv::BORDER_REFLECT);
+    smoothOffset(offset);
     cv::subtract(frame, offset, f.samples);
     f.lowDiff -= offset;
     cv::GaussianBlur(f.lowDiff, f.lowDiff, cv::Size(), kCompareSigma, kCompareSigma, cv::BORDER_REFLECT);
@@ -148,6 +174,10 @@ void SrRobustWeights::weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise
     const float rigid = std::max(0.0f, 1.0f - f.spread / options.rigidSpread);
     const float perGradient = options.edgeTolerance * rigid;
     const float base = options.consistency * noise;
+    // Samples of a frame whose motion is local weigh less against the
+    // reference than those of a rigidly moving one: dense flow is less sure
+    // of them, and sub-pixel errors smear detail instead of adding it.
+    const float trust = 1.0f - (1.0f - options.localWeight) * (1.0f - rigid);
 
     // The backward flow at each sample's position must lead back to it.
     cv::Mat backAtSample;
@@ -176,6 +206,8 @@ void SrRobustWeights::weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise
     }
     // A sample next to a rejected one is doubtful too (edges of moving objects).
     cv::erode(f.weight, f.weight, cv::Mat(), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    f.rejected = 1.0 - cv::mean(f.weight)[0];
+    f.weight *= trust;
 }
 
 double SrRobustWeights::fallbackFraction(int ref, int threads)
@@ -194,14 +226,12 @@ double SrRobustWeights::fallbackFraction(int ref, int threads)
 }
 
 void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
-                              const std::vector<const cv::Mat_<uchar>*>& finite, int ref,
-                              const cv::Mat_<float>& referenceOnly, const SrRobustOptions& options,
-                              int threads, SrRobustReport& report)
+                              const std::vector<const cv::Mat_<uchar>*>& finite, int ref, FlowChain& chain,
+                              const std::vector<int>& slots, const cv::Mat_<float>& referenceOnly,
+                              const SrRobustOptions& options, int threads, SrRobustReport& report)
 {
     const int n = static_cast<int>(window.size());
     frames_.resize(n);
-    motion_.setStretchFrom(*window[ref]);
-    motion_.toByte(*window[ref], refByte_);
     boxImage(referenceOnly, box_, threads);
 
     // The noise deviation is that of the most consistent frame, so that a
@@ -217,7 +247,8 @@ void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
     for (int k = 0; k < n; ++k) {
         if (k == ref)
             continue;
-        align(frames_[k], *window[k], refByte_, threads);
+        chain.toReference(slots, k, ref, frames_[k].forward, frames_[k].backward);
+        align(frames_[k], *window[k], threads);
         noise = std::min(noise, frames_[k].noise);
     }
     noise = std::max(noise, floor);
@@ -238,7 +269,7 @@ void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
         out.shiftX = f.shift.x;
         out.shiftY = f.shift.y;
         out.flowSpread = f.spread;
-        out.rejectedFraction = 1.0 - cv::mean(f.weight)[0];
+        out.rejectedFraction = f.rejected;
         rejected += out.rejectedFraction;
     }
     report.noise = noise;

@@ -10,7 +10,7 @@
 #include <opencv2/core.hpp>
 
 #include "SrRobust.h"
-#include "detail/DenseMotion.h"
+#include "detail/FlowChain.h"
 
 namespace velmor {
 namespace kro {
@@ -25,14 +25,15 @@ class SrRobustWeights {
 public:
     SrRobustWeights(int width, int height);
 
-    // Aligns every frame of `window` to frame `ref` and weighs its samples
-    // against `referenceOnly` (the reference enlarged alone, twice the
-    // size). Fills the report's frames, rejectedFraction, fallbackFraction
-    // and noise.
+    // Aligns every frame of `window` to frame `ref` with the flows of
+    // `chain` (window frame k is in chain slot slots[k]) and weighs its
+    // samples against `referenceOnly` (the reference enlarged alone, twice
+    // the size). Fills the report's frames, rejectedFraction,
+    // fallbackFraction and noise.
     void compute(const std::vector<const cv::Mat_<float>*>& window,
-                 const std::vector<const cv::Mat_<uchar>*>& finite, int ref,
-                 const cv::Mat_<float>& referenceOnly, const SrRobustOptions& options, int threads,
-                 SrRobustReport& report);
+                 const std::vector<const cv::Mat_<uchar>*>& finite, int ref, FlowChain& chain,
+                 const std::vector<int>& slots, const cv::Mat_<float>& referenceOnly,
+                 const SrRobustOptions& options, int threads, SrRobustReport& report);
 
     // Frame k's sample positions on the reference grid (input pixels).
     const cv::Mat_<float>& positionX(int k) const { return frames_[k].posX; }
@@ -48,22 +49,20 @@ private:
     struct Frame {
         cv::Mat_<float> posX, posY, weight, samples, lowDiff, gradient;
         cv::Mat_<cv::Vec2f> forward, backward;
-        cv::Mat byte;
         float spread = 0.0f;
         float noise = 0.0f;
+        double rejected = 0.0; // share of the weight the consistency tests took away
         cv::Point2f shift;
     };
 
-    void align(Frame& f, const cv::Mat_<float>& frame, const cv::Mat& refByte, int threads);
+    void align(Frame& f, const cv::Mat_<float>& frame, int threads);
     void weigh(Frame& f, const cv::Mat_<uchar>& finite, float noise, const SrRobustOptions& options);
     double fallbackFraction(int ref, int threads);
     float referenceDeviation(const cv::Mat_<float>& reference);
 
     int width_;
     int height_;
-    DenseMotion motion_;
     cv::Mat_<float> gridX_, gridY_, ones_, box_, pred_, fineSum_, support_;
-    cv::Mat refByte_;
     std::vector<Frame> frames_;
     std::vector<float> scratch_;
 };
