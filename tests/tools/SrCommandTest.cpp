@@ -92,7 +92,7 @@ TEST(SrCommand, OutputIsTheCInterfacesAndFailedFramesAreBicubicEnlargements)
     frames[6].setTo(1000.0f);
     krotest::writeRaw(dir.file("in.raw"), frames);
 
-    const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
+    const Result run = kroenhance(dir, "sr --motion global --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
                                            dir.file("out.raw") + " --report " + dir.file("r.json"));
     ASSERT_EQ(run.status, 0) << run.err;
     const auto out = krotest::readRaw<float>(dir.file("out.raw"), kHigh);
@@ -144,7 +144,7 @@ TEST(SrCommand, NothingIsWrittenWhenNoFrameCanBeReconstructed)
     std::vector<cv::Mat_<float>> frames = syntheticRecording(6);
     frames[3].setTo(500.0f);  // in both windows
     krotest::writeRaw(dir.file("in.raw"), frames);
-    const Result run = kroenhance(dir, "sr --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
+    const Result run = kroenhance(dir, "sr --motion global --size 96x80 --format f32 " + dir.file("in.raw") + " -o " +
                                            dir.file("out_%02d.png") + " --report " + dir.file("r.json"));
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.err.find("no frame could be reconstructed"), std::string::npos) << run.err;
@@ -179,7 +179,7 @@ TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOu
     krotest::writeRaw(dir.file("in.raw"), frames);
     // (The corner engine: the phase engine's FFT plans, timed per process,
     // may differ in the last bits between the two runs.)
-    const std::string sr = "sr --window 3 --reference-index 0 --size 160x128 --format f32 " + dir.file("in.raw");
+    const std::string sr = "sr --motion global --window 3 --reference-index 0 --size 160x128 --format f32 " + dir.file("in.raw");
 
     const Result run = kroenhance(dir, sr + " -o " + dir.file("f.raw") + " --report " + dir.file("r.json"));
     ASSERT_EQ(run.status, 0) << run.err;
@@ -208,7 +208,7 @@ TEST(SrCommand, WindowAndReferenceAreFollowedValuesKeepTheirScaleAndSixteenBitOu
     }
     EXPECT_TRUE(below && above) << "the test input should reach beyond both ends of the 16-bit range";
 
-    ASSERT_EQ(kroenhance(dir, "sr --window 10 --reference-index 9 --engine phase --size 160x128 --format u16 " + kDriveCrop +
+    ASSERT_EQ(kroenhance(dir, "sr --motion global --window 10 --reference-index 9 --engine phase --size 160x128 --format u16 " + kDriveCrop +
                                   " -o " + dir.file("w10.tif")).status, 0);
     std::vector<cv::Mat> pages;
     ASSERT_TRUE(cv::imreadmulti(dir.file("w10.tif"), pages, cv::IMREAD_UNCHANGED));

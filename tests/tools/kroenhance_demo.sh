@@ -13,12 +13,12 @@ out=$("$tool" demo -o "$work/demo" --crop 192x160 2>"$work/err") || fail "demo e
 grep -q "Files in $work/demo/" <<<"$out" || fail "demo does not say where the files are: $out"
 grep -qE "SR corners +[0-9.]+ dB +0\.[0-9]+ +[0-9.]+" <<<"$out" || fail "demo does not print the figures: $out"
 
-for file in truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png \
-            sr_corners.pfm sr_phase.pfm comparison.png summary.md burst.json \
+for file in truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png sr_local.png \
+            sr_corners.pfm sr_phase.pfm sr_local.pfm comparison.png summary.md burst.json \
             burst_frames_96x80x5_f32.raw burst_truth_192x160_f32.raw; do
     [ -s "$work/demo/$file" ] || fail "demo did not write $file"
 done
-[ "$(ls -A "$work/demo" | wc -l)" -eq 12 ] || fail "demo left other files: $(ls -A "$work/demo")"
+[ "$(ls -A "$work/demo" | wc -l)" -eq 14 ] || fail "demo left other files: $(ls -A "$work/demo")"
 [ "$(stat -c %s "$work/demo/burst_frames_96x80x5_f32.raw")" -eq $((5 * 96 * 80 * 4)) ] ||
     fail "the burst is not 5 frames of 96x80 f32"
 
@@ -28,17 +28,19 @@ folder = sys.argv[1]
 summary = open(folder + "/summary.md").read()
 rows = {}
 for line in summary.splitlines():
-    m = re.match(r"\| (Reference frame, [a-z ]+|Super-resolution, \w+ registration) \| ([0-9.]+) \| ([0-9.]+) \| ([-0-9.]+) \|", line)
+    m = re.match(r"\| (Reference frame, [a-z ]+|Super-resolution, [a-z ,]+) \| ([0-9.]+) \| ([0-9.]+) \| ([-0-9.]+) \|", line)
     if m:
         rows[m.group(1)] = (float(m.group(2)), float(m.group(3)), m.group(4))
 bicubic = rows["Reference frame, bicubic"]
 nearest = rows["Reference frame, pixel replication"]
 assert bicubic[0] > nearest[0], rows
 for engine in ("corners", "phase"):
-    psnr, ssim, ms = rows["Super-resolution, %s registration" % engine]
+    psnr, ssim, ms = rows["Super-resolution, global motion, %s registration" % engine]
     assert psnr > bicubic[0] + 0.5, (engine, psnr, bicubic)
     assert ssim > bicubic[1], (engine, ssim, bicubic)
     assert float(ms) > 0, (engine, ms)
+psnr, ssim, ms = rows["Super-resolution, local motion"]
+assert psnr >= bicubic[0] and float(ms) > 0, (psnr, bicubic)
 assert "failed" not in summary, summary
 
 def png_header(path):
@@ -46,10 +48,10 @@ def png_header(path):
     assert data[:8] == b"\x89PNG\r\n\x1a\n", path
     width, height, depth, colour = struct.unpack(">IIBB", data[16:26])
     return width, height, depth, colour
-for name in ("truth", "reference_nearest", "reference_bicubic", "sr_corners", "sr_phase"):
+for name in ("truth", "reference_nearest", "reference_bicubic", "sr_corners", "sr_phase", "sr_local"):
     assert png_header("%s/%s.png" % (folder, name)) == (192, 160, 16, 0), name
 width, height, depth, colour = png_header(folder + "/comparison.png")
-assert depth == 8 and colour == 0 and width >= 5 * 192 and height > 2 * 160, (width, height)
+assert depth == 8 and colour == 0 and width >= 6 * 192 and height > 2 * 160, (width, height)
 PY
 
 # Failures leave no folder behind.

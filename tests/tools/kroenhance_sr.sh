@@ -48,14 +48,14 @@ done
 
 # The report: valid JSON with every field, for a run with the phase engine
 # and a camera description.
-"$tool" sr $raw "$data" --engine phase --camera "camera k57 FOV 25" --quiet \
+"$tool" sr --motion global $raw "$data" --engine phase --camera "camera k57 FOV 25" --quiet \
     -o "$work/sr.raw" --report "$work/sr.json" 2>"$work/err" || fail "sr exited with $? ($(cat "$work/err"))"
 [ -s "$work/err" ] && fail "a clean run wrote to standard error: $(cat "$work/err")"
 python3 - "$work/sr.json" <<'PY' || fail "the report does not hold what it should"
 import json, sys
 report = json.load(open(sys.argv[1]))
 settings = report["settings"]
-assert settings["engine"] == "phase", settings
+assert settings["motion"] == "global" and settings["engine"] == "phase", settings
 assert abs(settings["psf_sigma"] - 0.35) < 1e-6, settings      # k57 with 25 degrees
 assert settings["camera_model"] == "mk57", settings
 assert (settings["window"], settings["reference_index"], settings["iterations"]) == (5, 3, 8), settings
@@ -80,24 +80,45 @@ for k, f in enumerate(frames):
 PY
 [ "$(stat -c %s "$work/sr.raw")" -eq $((6 * 320 * 256 * 4)) ] || fail "sr.raw is not 6 frames of 320x256 f32"
 
+# Local motion (the default): the report's own fields, its refusals, and
+# non-finite input replaced with a warning instead of refused.
+"$tool" sr $raw "$data" --quiet -o "$work/local.raw" --report "$work/local.json" 2>"$work/err" ||
+    fail "sr with local motion exited with $? ($(cat "$work/err"))"
+[ -s "$work/err" ] && fail "a clean local run wrote to standard error: $(cat "$work/err")"
+python3 - "$work/local.json" <<'PY' || fail "the local-motion report does not hold what it should"
+import json, sys
+report = json.load(open(sys.argv[1]))
+assert report["settings"] == {"motion": "local", "window": 5, "reference_index": 3}, report["settings"]
+assert report["fallbacks"] == 0 and len(report["frames"]) == 6
+for f in report["frames"]:
+    assert 0 <= f["rejected_fraction"] <= 1 and 0 <= f["reference_only_fraction"] <= 1, f
+    assert f["warnings"] == [] and f["code"] == 0 and f["engine_value"] is None, f
+    assert f["window"][1]["shift"] == [0, 0] and f["window"][1]["masked_fraction"] == 0, f
+PY
+expect 2 "option --tv-weight belongs to the global-motion engine: add --motion global" sr --tv-weight 400 $raw "$data" -o o.raw
+expect 2 "option --engine belongs to the global-motion engine" sr --engine phase $raw "$data" -o o.raw
+expect 2 "unknown motion \"rigid\"" sr --motion rigid $raw "$data" -o o.raw
+expect 2 "option --window: window size 33 out of range 1..32" sr --window 33 $raw "$data" -o o.raw
+expect 2 "option --reference-index: reference index 3 out of range 0..2" sr --window 3 $raw "$data" -o o.raw
+
 # Values the engine refuses: its own message, exit 2.
 expect 2 "option --tv-weight: Invalid total-variation term weight specified. \(got 0.5; accepted: 1 or more\)" \
-    sr --tv-weight 0.5 $raw "$data" -o o.raw
-expect 2 "option --rel-residue: Invalid total-variation term weight specified" sr --rel-residue 1e-7 $raw "$data" -o o.raw
-expect 2 "option --reg-error: Invalid maximum registration error specified" sr --reg-error 1.5 $raw "$data" -o o.raw
-expect 2 "option --iterations: Invalid maximum number of iterations specified" sr --iterations 0 $raw "$data" -o o.raw
-expect 2 "option --psf-sigma: Invalid standard deviation of the sensor psf specified" sr --psf-sigma -1 $raw "$data" -o o.raw
+    sr --motion global --tv-weight 0.5 $raw "$data" -o o.raw
+expect 2 "option --rel-residue: Invalid total-variation term weight specified" sr --motion global --rel-residue 1e-7 $raw "$data" -o o.raw
+expect 2 "option --reg-error: Invalid maximum registration error specified" sr --motion global --reg-error 1.5 $raw "$data" -o o.raw
+expect 2 "option --iterations: Invalid maximum number of iterations specified" sr --motion global --iterations 0 $raw "$data" -o o.raw
+expect 2 "option --psf-sigma: Invalid standard deviation of the sensor psf specified" sr --motion global --psf-sigma -1 $raw "$data" -o o.raw
 expect 2 "option --reference-index: Invalid reference index specified. \(got 5; accepted: 0 to 4" \
-    sr --reference-index 5 $raw "$data" -o o.raw
+    sr --motion global --reference-index 5 $raw "$data" -o o.raw
 expect 2 "option --reference-index: Invalid reference index specified. \(got 3; accepted: 0 to 2 with a window of 3\)" \
-    sr --window 3 $raw "$data" -o o.raw
-expect 2 "option --window: Invalid reference index specified" sr --window 0 $raw "$data" -o o.raw
-expect 2 "option --window: 65 frames is more than the 64" sr --window 65 $raw "$data" -o o.raw
-expect 2 "unknown engine \"fft\"" sr --engine fft $raw "$data" -o o.raw
-expect 2 "either --psf-sigma or --camera" sr --psf-sigma 0.5 --camera "k41 FOV 30" $raw "$data" -o o.raw
-expect 2 "not a number" sr --tv-weight many $raw "$data" -o o.raw
+    sr --motion global --window 3 $raw "$data" -o o.raw
+expect 2 "option --window: Invalid reference index specified" sr --motion global --window 0 $raw "$data" -o o.raw
+expect 2 "option --window: 65 frames is more than the 64" sr --motion global --window 65 $raw "$data" -o o.raw
+expect 2 "unknown engine \"fft\"" sr --motion global --engine fft $raw "$data" -o o.raw
+expect 2 "either --psf-sigma or --camera" sr --motion global --psf-sigma 0.5 --camera "k41 FOV 30" $raw "$data" -o o.raw
+expect 2 "not a number" sr --motion global --tv-weight many $raw "$data" -o o.raw
 # A refused value is reported before any file is looked at.
-expect 2 "option --tv-weight" sr --tv-weight 0 $raw missing.raw -o o.raw
+expect 2 "option --tv-weight" sr --motion global --tv-weight 0 $raw missing.raw -o o.raw
 
 # Bad command lines and inputs.
 expect 2 "-o is required" sr $raw "$data"
@@ -108,14 +129,16 @@ expect 2 "report and the output must be different" sr $raw "$data" -o same.json 
 head -c $((4 * 160 * 128 * 2)) "$data" >"$work/four.raw"
 expect 1 "the input holds 4 frames; a window of 5 needs at least 5" sr $raw "$work/four.raw" -o o.raw
 head -c $((5 * 161 * 128 * 2)) "$data" >"$work/odd.raw"
-expect 1 "the phase engine cannot work on 161x128 frames" sr --engine phase --size 161x128 --format u16 \
+expect 1 "the phase engine cannot work on 161x128 frames" sr --motion global --engine phase --size 161x128 --format u16 \
     "$work/odd.raw" -o o.raw
 expect 1 "cannot create .*nodir/r.json" sr $raw "$data" -o o.raw --report nodir/r.json
 expect 1 "holds one image" sr $raw "$data" -o single.png
 head -c $((5 * 160 * 128 * 4)) /dev/zero | tr '\0' '\377' >"$work/nan.raw"   # all bytes 0xff: NaN floats
-expect 1 "input frame 0 holds NaN or infinite samples" sr --size 160x128 --format f32 "$work/nan.raw" -o o.raw
+expect 1 "input frame 0 holds NaN or infinite samples" sr --motion global --size 160x128 --format f32 "$work/nan.raw" -o o.raw
+
+expect 0 "output frame 0: [0-9]+ non-finite samples replaced by the frame median" sr --size 160x128 --format f32 "$work/nan.raw" -o o.raw
 
 # An undecodable camera description keeps the default blur, with a warning.
 expect 0 "no camera model and field of view found in \"k99\"; the default sensor blur 0.683" \
-    sr --camera k99 $raw "$data" -o o.raw --quiet
+    sr --motion global --camera k99 $raw "$data" -o o.raw --quiet
 echo "ok"

@@ -49,12 +49,13 @@ const char* const kDemoHelp =
     "known. From the bundled 640x512 16-bit LWIR still (data/thermal/), a burst\n"
     "of 5 frames of half the width and height is synthesised as a camera would\n"
     "record it: known sub-pixel shifts, the sensor's Gaussian blur, read noise,\n"
-    "whole counts. The burst is super-resolved with both registrations at the\n"
-    "settings of kroenhance sr (the C interface's), and compared with the\n"
-    "reference frame enlarged by pixel replication and by bicubic interpolation.\n"
+    "whole counts. The burst is super-resolved by the global-motion engine with\n"
+    "both registrations at the C interface's settings and by the local-motion\n"
+    "engine (kroenhance sr's default), and compared with the reference frame\n"
+    "enlarged by pixel replication and by bicubic interpolation.\n"
     "\n"
     "Written into DIR: truth.png, reference_nearest.png, reference_bicubic.png,\n"
-    "sr_corners.png and sr_phase.png (16-bit), sr_corners.pfm and sr_phase.pfm\n"
+    "sr_corners.png, sr_phase.png and sr_local.png (16-bit), the same as .pfm\n"
     "(float, exact), comparison.png (all side by side with labels, 8-bit by a\n"
     "0.5-99.5 % stretch of the truth, with an enlarged detail below),\n"
     "summary.md (PSNR, SSIM and time per frame, shifts, settings), and the\n"
@@ -284,7 +285,7 @@ int runDemo(const std::vector<std::string>& args)
     const cv::Mat_<float>& reference = burst.frames[burstSettings.referencePosition];
     const cv::Size lowSize = reference.size();
 
-    std::vector<Method> methods(4);
+    std::vector<Method> methods(5);
     methods[0].file = "reference_nearest";
     methods[0].title = "reference, pixel replication";
     methods[0].longName = "Reference frame, pixel replication";
@@ -293,15 +294,19 @@ int runDemo(const std::vector<std::string>& args)
     methods[1].title = "reference, bicubic";
     methods[1].longName = "Reference frame, bicubic";
     cv::resize(reference, methods[1].image, truth.size(), 0.0, 0.0, cv::INTER_CUBIC);
-    for (int k = 0; k < 2; ++k) {
-        const SrEngine engine = k == 0 ? SrEngine::Corners : SrEngine::Phase;
-        Method& m = methods[2 + k];
-        m.file = std::string("sr_") + srEngineName(engine);
-        m.title = std::string("SR ") + srEngineName(engine);
-        m.longName = std::string("Super-resolution, ") + srEngineName(engine) + " registration";
-        m.timed = true;
+    for (int k = 0; k < 3; ++k) {
+        // The two global-motion registrations, then local motion (the sr
+        // command's default).
         SrSettings settings;
-        settings.engine = engine;
+        settings.motion = k < 2 ? SrMotion::Global : SrMotion::Local;
+        settings.engine = k == 0 ? SrEngine::Corners : SrEngine::Phase;
+        const std::string name = k < 2 ? srEngineName(settings.engine) : "local";
+        Method& m = methods[2 + k];
+        m.file = "sr_" + name;
+        m.title = "SR " + name;
+        m.longName = k < 2 ? "Super-resolution, global motion, " + name + " registration"
+                           : std::string("Super-resolution, local motion");
+        m.timed = true;
         // The burst is reconstructed a few times by fresh engines and the
         // median time is reported: one run on a busy machine says little.
         std::vector<SrFrameRecord> runs;
@@ -317,16 +322,14 @@ int runDemo(const std::vector<std::string>& args)
             if (run == 0)
                 m.image = image;
             else if (cv::norm(image, m.image, cv::NORM_INF) != 0.0)
-                throw RunError(std::string("the ") + srEngineName(engine) +
-                               " reconstruction of the same burst differs between runs");
+                throw RunError("the " + name + " reconstruction of the same burst differs between runs");
             runs.push_back(record);
         }
         std::nth_element(runs.begin(), runs.begin() + kTimingRuns / 2, runs.end(),
                          [](const SrFrameRecord& a, const SrFrameRecord& b) { return a.totalMs < b.totalMs; });
         m.record = runs[kTimingRuns / 2];
         if (m.record.fallback())
-            std::cerr << "kroenhance demo: warning: the " << srEngineName(engine)
-                      << " reconstruction failed (" << m.record.message
+            std::cerr << "kroenhance demo: warning: the " << name << " reconstruction failed (" << m.record.message
                       << "); its figures are those of the bicubic enlargement\n";
     }
 
@@ -397,11 +400,11 @@ int runDemo(const std::vector<std::string>& args)
           "the sub-pixel offset listed (a convention of each method, not an error). Time per frame: adding "
           "the newest frame and reconstructing, the median of "
        << kTimingRuns << " runs on this machine (" << std::thread::hardware_concurrency() << " cores";
-    for (int k = 2; k < 4; ++k)
+    for (int k = 2; k < 5; ++k)
         md << "; " << methods[k].title << ": registration " << fixed(methods[k].record.registrationMs, 1)
            << " ms, minimisation " << fixed(methods[k].record.minimizationMs, 1) << " ms";
     md << ").\n";
-    for (int k = 2; k < 4; ++k)
+    for (int k = 2; k < 5; ++k)
         if (methods[k].record.fallback())
             md << "\n**" << methods[k].title << " failed** (" << methods[k].record.message
                << "); its row shows the bicubic enlargement that replaces it.\n";
@@ -409,10 +412,10 @@ int runDemo(const std::vector<std::string>& args)
     md << "\n## Shifts\n\n"
        << "Content shift of each frame against the reference (input pixels, x right, y down), as made and as "
           "each registration measured it.\n\n"
-       << "| Frame | Made | corners | phase |\n|---:|---|---|---|\n";
+       << "| Frame | Made | corners | phase | local (median) |\n|---:|---|---|---|---|\n";
     for (std::size_t i = 0; i < burst.shifts.size(); ++i) {
         md << "| " << i << " | " << shiftText(burst.shifts[i].x, burst.shifts[i].y);
-        for (int k = 2; k < 4; ++k) {
+        for (int k = 2; k < 5; ++k) {
             const std::vector<SrWindowFrame>& w = methods[k].record.window;
             md << " | "
                << (i < w.size() && w[i].registered ? shiftText(w[i].shiftX, w[i].shiftY) : std::string("-"));
@@ -423,9 +426,9 @@ int runDemo(const std::vector<std::string>& args)
        << "- `comparison.png`: all images side by side, 8-bit through one stretch of the truth's "
        << kLowPercentile << "-" << kHighPercentile << " % range; below, the strongest-detail region enlarged "
        << kDetailZoom << " times (outlined on the truth)\n"
-       << "- `truth.png`, `reference_nearest.png`, `reference_bicubic.png`, `sr_corners.png`, `sr_phase.png`: "
+       << "- `truth.png`, `reference_nearest.png`, `reference_bicubic.png`, `sr_corners.png`, `sr_phase.png`, `sr_local.png`: "
           "16-bit, in the input's counts\n"
-       << "- `sr_corners.pfm`, `sr_phase.pfm`: the reconstructions as floats, exact\n"
+       << "- `sr_corners.pfm`, `sr_phase.pfm`, `sr_local.pfm`: the reconstructions as floats, exact\n"
        << "- `burst.json`, `" << framesName.str() << "`, `" << truthName
        << "`: the input frames and the truth as raw f32, with the shifts\n"
        << "\nTo run the same reconstruction from the command line:\n\n"
@@ -461,8 +464,8 @@ int runDemo(const std::vector<std::string>& args)
     std::cout << "\nFiles in " << shown << ":\n"
               << "  comparison.png  all of them side by side (detail enlarged below)\n"
               << "  summary.md      these figures, the shifts, the settings\n"
-              << "  truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png (16-bit),\n"
-              << "  sr_corners.pfm sr_phase.pfm (float), burst.json + " << framesName.str() << " (the input)\n";
+              << "  truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png\n"
+              << "  sr_local.png (16-bit), sr_*.pfm (float), burst.json + " << framesName.str() << " (the input)\n";
     return kExitOk;
 }
 

@@ -19,28 +19,36 @@ namespace {
 const char* const kSrHelp =
     "Usage: kroenhance sr [options] INPUT... -o OUTPUT\n"
     "\n"
-    "Multi-frame super-resolution: from a sliding window of slightly shifted\n"
-    "frames, every frame is registered against the window's reference frame and\n"
-    "one image of twice the width and height is solved for (sensor blur model\n"
-    "plus total variation). As through the C interface, the first output frame\n"
-    "comes with the window-th input frame, then one for every further frame:\n"
-    "N input frames give N - window + 1 output frames. Values keep the input's\n"
-    "scale; float output is exact, 16-bit output is rounded and saturated.\n"
+    "Multi-frame super-resolution: from a sliding window of frames, every frame\n"
+    "is aligned with the window's reference frame and one image of twice the\n"
+    "width and height is made. By default motion is measured per pixel and\n"
+    "only samples that agree with the reference are used (--motion local), so\n"
+    "footage from a moving camera is never made worse than the reference frame\n"
+    "enlarged alone; --motion global is the C interface's engine (one shift per\n"
+    "frame, sensor blur model plus total variation). As through the C interface,\n"
+    "the first output frame comes with the window-th input frame, then one for\n"
+    "every further frame: N input frames give N - window + 1 output frames.\n"
+    "Values keep the input's scale; float output is exact, 16-bit output is\n"
+    "rounded and saturated.\n"
     "\n"
     "When a reconstruction fails (the engine returns a negative value or the\n"
     "library reports an error) its frame is the bicubic enlargement of the\n"
     "window's reference frame instead; a warning names each kind of failure\n"
     "once and the report lists every frame. The exit status is 0 unless no\n"
-    "frame at all could be reconstructed.\n"
+    "frame at all could be reconstructed. With local motion, NaN and infinite\n"
+    "input samples are replaced and reported; the global engine refuses them.\n"
     "\n";
 
 const char* const kSrOptionsHelp =
     "\n"
     "Other options:\n"
-    "  --report FILE.json    per output frame: input index, the engine's value\n"
-    "                        and the C interface's code for it, the quality,\n"
-    "                        every window frame's shift and masked fraction, and\n"
-    "                        the milliseconds of registration and minimisation\n"
+    "  --report FILE.json    per output frame: input index, every window frame's\n"
+    "                        shift and masked (local: rejected) fraction, the\n"
+    "                        milliseconds of registration and minimisation (local:\n"
+    "                        alignment and merge); global: the engine's value, the\n"
+    "                        C interface's code and the quality; local: the share\n"
+    "                        of samples rejected as inconsistent, the share of the\n"
+    "                        image only the reference supports, and warnings\n"
     "                        (written even when no frame could be reconstructed)\n"
     "  --quiet               no progress display (shown only on a terminal)\n"
     "  Raw output is f32 unless --output-format says otherwise.\n";
@@ -50,10 +58,11 @@ const char* const kSrExamplesHelp =
     "Examples:\n"
     "  kroenhance sr --size 640x512 --format u16 drive.raw -o sr.raw\n"
     "      a raw u16 recording in, 1280x1024 f32 frames out\n"
-    "  kroenhance sr --engine phase --report sr.json frames_*.png -o sr_%04d.png\n"
+    "  kroenhance sr --report sr.json frames_*.png -o sr_%04d.png\n"
     "      numbered 16-bit PNGs in and out, with a report\n"
-    "  kroenhance sr --camera \"k57 FOV 25\" --window 7 --reference-index 3 \\\n"
-    "      --size 320x256 --format f32 burst.raw -o sr.tif\n";
+    "  kroenhance sr --motion global --engine phase --camera \"k57 FOV 25\" \\\n"
+    "      --window 7 --reference-index 3 --size 320x256 --format f32 burst.raw -o sr.tif\n"
+    "      a still scene with camera jitter, through the C interface's engine\n";
 
 // One warning per kind of problem; the report has them all.
 class Warnings {
@@ -131,6 +140,8 @@ int runSr(const std::vector<std::string>& args)
         if (record.addResult == -2)
             warnings.once("defects", "input frame " + std::to_string(record.inputIndex) +
                                          " has defects the bad-pixel repair could not mend (code -2)");
+        for (const std::string& w : record.warnings)
+            warnings.once(w, "output frame " + std::to_string(record.outputIndex) + ": " + w);
         if (record.fallback())
             warnings.once(srFailureKind(record.failure),
                           "output frame " + std::to_string(record.outputIndex) + " (input frame " +

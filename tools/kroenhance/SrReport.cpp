@@ -23,6 +23,31 @@ std::string number(double value, int digits = 9)
 
 } // namespace
 
+namespace {
+
+void writeGlobalSettings(std::ostream& out, const SrSettings& s)
+{
+    out << ", \"engine\": " << jsonString(srEngineName(s.engine))
+        << ", \"tv_weight\": " << number(static_cast<float>(s.tvWeight), 7)
+        << ", \"reg_error\": " << number(static_cast<float>(s.regError), 7)
+        << ", \"rel_residue\": " << number(static_cast<float>(s.relResidue), 7)
+        << ", \"iterations\": " << s.iterations
+        << ", \"psf_sigma\": " << number(static_cast<float>(s.psfSigma), 7)
+        << ", \"camera\": " << (s.camera.empty() ? std::string("null") : jsonString(s.camera))
+        << ", \"camera_model\": " << (s.cameraModel.empty() ? std::string("null") : jsonString(s.cameraModel));
+}
+
+void writeLocalFields(std::ostream& out, const SrFrameRecord& r)
+{
+    out << ",\n     \"rejected_fraction\": " << number(r.rejectedFraction, 6)
+        << ", \"reference_only_fraction\": " << number(r.referenceOnlyFraction, 6) << ", \"warnings\": [";
+    for (std::size_t i = 0; i < r.warnings.size(); ++i)
+        out << (i ? ", " : "") << jsonString(r.warnings[i]);
+    out << "]";
+}
+
+} // namespace
+
 std::string jsonString(const std::string& text)
 {
     std::string out = "\"";
@@ -57,16 +82,11 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
     out << "{\n"
         << "  \"command\": \"kroenhance sr\",\n"
         << "  \"version\": " << jsonString(KROLIB_VERSION_STRING) << ",\n"
-        << "  \"settings\": {\"engine\": " << jsonString(srEngineName(s.engine))
-        << ", \"window\": " << s.window << ", \"reference_index\": " << s.referenceIndex
-        << ", \"tv_weight\": " << number(static_cast<float>(s.tvWeight), 7)
-        << ", \"reg_error\": " << number(static_cast<float>(s.regError), 7)
-        << ", \"rel_residue\": " << number(static_cast<float>(s.relResidue), 7)
-        << ", \"iterations\": " << s.iterations
-        << ", \"psf_sigma\": " << number(static_cast<float>(s.psfSigma), 7)
-        << ", \"camera\": " << (s.camera.empty() ? std::string("null") : jsonString(s.camera))
-        << ", \"camera_model\": " << (s.cameraModel.empty() ? std::string("null") : jsonString(s.cameraModel))
-        << "},\n"
+        << "  \"settings\": {\"motion\": " << jsonString(srMotionName(s.motion))
+        << ", \"window\": " << s.window << ", \"reference_index\": " << s.referenceIndex;
+    if (s.motion == SrMotion::Global)
+        writeGlobalSettings(out, s);
+    out << "},\n"
         << "  \"input\": {\"width\": " << run.inputSize.width << ", \"height\": " << run.inputSize.height
         << ", \"frames\": " << run.inputFrames << "},\n"
         << "  \"output\": {\"path\": " << jsonString(run.outputPath) << ", \"width\": " << run.outputSize.width
@@ -99,7 +119,10 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
             else
                 out << "null, \"masked_fraction\": null}";
         }
-        out << "],\n     \"registration_ms\": " << number(r.registrationMs, 6)
+        out << "]";
+        if (s.motion == SrMotion::Local)
+            writeLocalFields(out, r);
+        out << ",\n     \"registration_ms\": " << number(r.registrationMs, 6)
             << ", \"minimization_ms\": " << number(r.minimizationMs, 6)
             << ", \"total_ms\": " << number(r.totalMs, 6) << "}";
     }

@@ -11,6 +11,7 @@
 
 #include "Exception.h"
 #include "SrFloat.h"
+#include "SrSessionImpl.h"
 #include "StopWatch.h"
 #include "detail/CInterfaceCodes.h"
 #include "detail/CameraLensTable.h"
@@ -92,6 +93,11 @@ std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
 
 } // namespace
 
+const char* srMotionName(SrMotion motion)
+{
+    return motion == SrMotion::Global ? "global" : "local";
+}
+
 const char* srEngineName(SrEngine engine)
 {
     return engine == SrEngine::Phase ? "phase" : "corners";
@@ -112,13 +118,23 @@ const char* srFailureKind(SrFailure failure)
 }
 
 const char* const kSrSettingsHelp =
-    "Engine options (defaults: those of the C interface):\n"
+    "Motion:\n"
+    "  --motion M            local (default): motion measured per pixel by dense\n"
+    "                        optical flow, every sample checked against the\n"
+    "                        reference frame and used only where it agrees, so\n"
+    "                        moving objects, zoom and parallax leave no ghosts;\n"
+    "                        where no other frame agrees the result is the\n"
+    "                        reference frame enlarged alone. global: one shift per\n"
+    "                        frame, the C interface's engine (the options below\n"
+    "                        marked [global]); for still scenes and camera jitter.\n"
+    "  --window N            frames per reconstruction (default 5; local: at most 32)\n"
+    "  --reference-index N   reference frame, counted back from the newest frame\n"
+    "                        of the window, 0 to N-1 (default 3)\n"
+    "\n"
+    "Global-motion engine options [global] (defaults: those of the C interface):\n"
     "  --engine E            registration: corners (tracked corners and optical\n"
     "                        flow, the C interface's) or phase (phase correlation\n"
     "                        and optical flow); default corners\n"
-    "  --window N            frames per reconstruction (default 5)\n"
-    "  --reference-index N   reference frame, counted back from the newest frame\n"
-    "                        of the window, 0 to N-1 (default 3)\n"
     "  --tv-weight X         total-variation weight, 1 or more; larger smooths\n"
     "                        less (default 400)\n"
     "  --reg-error X         registration error bound, above 0 and at most 1\n"
@@ -131,9 +147,29 @@ const char* const kSrSettingsHelp =
     "  --camera TEXT         or: the blur from a camera and lens description such\n"
     "                        as \"k57 FOV 25\" (unrecognised text: the default)\n";
 
+namespace {
+
+// Options that only the global-motion engine has.
+const char* const kGlobalOnlyOptions[] = {"--engine",     "--tv-weight", "--reg-error", "--rel-residue",
+                                          "--iterations", "--psf-sigma", "--camera"};
+
+} // namespace
+
 SrSettings srSettingsFromCommandLine(Cli& cli)
 {
     SrSettings s;
+    const std::string motion = cli.stringOption("--motion", "local");
+    if (motion == "local")
+        s.motion = SrMotion::Local;
+    else if (motion == "global")
+        s.motion = SrMotion::Global;
+    else
+        throw UsageError("option --motion: unknown motion \"" + motion + "\" (use local or global)");
+    if (s.motion == SrMotion::Local)
+        for (const char* option : kGlobalOnlyOptions)
+            if (cli.has(option))
+                throw UsageError(std::string("option ") + option +
+                                 " belongs to the global-motion engine: add --motion global");
     const std::string engine = cli.stringOption("--engine", "corners");
     if (engine == "corners")
         s.engine = SrEngine::Corners;
@@ -171,6 +207,10 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
 
 void checkSrSettings(const SrSettings& settings)
 {
+    if (settings.motion == SrMotion::Local) {
+        checkRobustSettings(settings);
+        return;
+    }
     const cv::Size probe(kProbeSize, kProbeSize);
     if (settings.engine == SrEngine::Phase)
         buildEngine<SrFloat<SrFloatRegistration1>>(settings, probe);
@@ -179,18 +219,6 @@ void checkSrSettings(const SrSettings& settings)
 }
 
 // ---------------------------------------------------------------------------
-
-struct SrSession::Impl {
-    explicit Impl(const SrSettings& s, cv::Size size) : settings(s), size(size) {}
-    virtual ~Impl() = default;
-    virtual cv::Size outputSize() const = 0;
-    virtual bool addFrame(const cv::Mat& frame, cv::Mat_<float>& out, SrFrameRecord& record) = 0;
-
-    SrSettings settings;
-    cv::Size size;
-    long long added = 0;
-    long long produced = 0;
-};
 
 namespace {
 
@@ -344,7 +372,9 @@ private:
 
 SrSession::SrSession(const SrSettings& settings, cv::Size frameSize)
 {
-    if (settings.engine == SrEngine::Phase)
+    if (settings.motion == SrMotion::Local)
+        impl_ = makeRobustSession(settings, frameSize);
+    else if (settings.engine == SrEngine::Phase)
         impl_ = std::make_unique<EngineSession<SrFloatRegistration1>>(settings, frameSize);
     else
         impl_ = std::make_unique<EngineSession<SrFloatRegistration2>>(settings, frameSize);

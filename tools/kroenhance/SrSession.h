@@ -23,6 +23,14 @@
 
 namespace kroenhance {
 
+// How motion between the frames of a window is described.
+enum class SrMotion {
+    Local,  // per pixel, samples checked for consistency (SrRobust); the tool's default
+    Global  // one shift per frame (SrFloat, the C interface's engine)
+};
+
+const char* srMotionName(SrMotion motion);
+
 enum class SrEngine {
     Corners,  // SrFloatRegistration2: tracked corners and optical flow (the C interface's)
     Phase     // SrFloatRegistration1: phase correlation and optical flow
@@ -32,6 +40,7 @@ const char* srEngineName(SrEngine engine);
 
 // The engine's settings; the defaults are the C interface's.
 struct SrSettings {
+    SrMotion motion = SrMotion::Local;
     SrEngine engine = SrEngine::Corners;
     int window = 5;
     int referenceIndex = 3;
@@ -98,8 +107,14 @@ struct SrFrameRecord {
     SrFailure failure = SrFailure::None;
     std::string message;                // what went wrong, for failures
     std::vector<SrWindowFrame> window;  // oldest first
-    double registrationMs = 0.0;
-    double minimizationMs = 0.0;
+    // Local motion only: the share of the other frames' samples rejected as
+    // inconsistent with the reference, the share of the output that only the
+    // reference supports, and the engine's warnings.
+    double rejectedFraction = 0.0;
+    double referenceOnlyFraction = 0.0;
+    std::vector<std::string> warnings;
+    double registrationMs = 0.0;        // local motion: alignment and consistency weights
+    double minimizationMs = 0.0;        // local motion: the merge
     double totalMs = 0.0;               // adding the frame, reconstructing, any fallback
 
     bool fallback() const { return failure != SrFailure::None; }
