@@ -89,4 +89,8 @@ if not data.startswith(header):
 cpp = np.frombuffer(data[len(header):], dtype="<f4").reshape(256, 320)[::-1]
 sys.exit(0 if np.array_equal(c, cpp) else "C++ and C results differ")
 PY
+# The local-motion engine through the package, on the bundled real crop.
+"$work/cpp/moving_camera" 160 128 "$source/data/thermal/drive_crop_160x128x10_u16.raw" "$work/moving.pfm" \
+  >"$work/moving.out" 2>&1 || fail "moving-camera example failed: $(cat "$work/moving.out")"
+grep -q "6 frames of 320x256 written" "$work/moving.out" || fail "moving-camera example said: $(cat "$work/moving.out")"
 echo "ok"
