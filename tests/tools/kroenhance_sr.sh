@@ -88,7 +88,7 @@ PY
 python3 - "$work/local.json" <<'PY' || fail "the local-motion report does not hold what it should"
 import json, sys
 report = json.load(open(sys.argv[1]))
-assert report["settings"] == {"motion": "local", "window": 5, "reference_index": 3}, report["settings"]
+assert report["settings"] == {"motion": "local", "window": 5, "reference_index": 3, "psf_sigma": 0}, report["settings"]
 assert report["fallbacks"] == 0 and len(report["frames"]) == 6
 for f in report["frames"]:
     assert 0 <= f["rejected_fraction"] <= 1 and 0 <= f["reference_only_fraction"] <= 1, f
@@ -99,6 +99,7 @@ expect 2 "option --tv-weight belongs to the global-motion engine: add --motion g
 expect 2 "option --engine belongs to the global-motion engine" sr --engine phase $raw "$data" -o o.raw
 expect 2 "unknown motion \"rigid\"" sr --motion rigid $raw "$data" -o o.raw
 expect 2 "option --window: window size 33 out of range 1..32" sr --window 33 $raw "$data" -o o.raw
+expect 2 "option --psf-sigma: PSF sigma -1 out of range \[0, 10\]" sr --psf-sigma -1 $raw "$data" -o o.raw
 expect 2 "option --reference-index: reference index 3 out of range 0..2" sr --window 3 $raw "$data" -o o.raw
 
 # Values the engine refuses: its own message, exit 2.

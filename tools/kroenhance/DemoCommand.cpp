@@ -300,6 +300,9 @@ int runDemo(const std::vector<std::string>& args)
         SrSettings settings;
         settings.motion = k < 2 ? SrMotion::Global : SrMotion::Local;
         settings.engine = k == 0 ? SrEngine::Corners : SrEngine::Phase;
+        // Every engine is told the blur the burst was made with.
+        settings.psfSigma = burstSettings.psfSigma;
+        settings.psfSigmaGiven = true;
         const std::string name = k < 2 ? srEngineName(settings.engine) : "local";
         Method& m = methods[2 + k];
         m.file = "sr_" + name;

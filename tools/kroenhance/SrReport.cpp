@@ -86,6 +86,8 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
         << ", \"window\": " << s.window << ", \"reference_index\": " << s.referenceIndex;
     if (s.motion == SrMotion::Global)
         writeGlobalSettings(out, s);
+    else
+        out << ", \"psf_sigma\": " << number(s.psfSigmaGiven ? static_cast<float>(s.psfSigma) : 0.0f, 7);
     out << "},\n"
         << "  \"input\": {\"width\": " << run.inputSize.width << ", \"height\": " << run.inputSize.height
         << ", \"frames\": " << run.inputFrames << "},\n"

@@ -18,6 +18,10 @@ velmor::kro::SrRobustOptions robustOptions(const SrSettings& s)
     velmor::kro::SrRobustOptions o;
     o.windowSize = s.window;
     o.referenceIndex = s.referenceIndex;
+    // Without --psf-sigma the local-motion engine models the detector's
+    // integration alone: the global engine's default blur is meant for its
+    // own model, and on real binned footage any extra blur costs quality.
+    o.psfSigma = s.psfSigmaGiven ? static_cast<float>(s.psfSigma) : 0.0f;
     return o;
 }
 
@@ -111,8 +115,10 @@ void checkRobustSettings(const SrSettings& settings)
     const std::string problem = o.validate();
     if (problem.empty())
         return;
-    const bool window = problem.rfind("window", 0) == 0;
-    throw UsageError(std::string("option ") + (window ? "--window" : "--reference-index") + ": " + problem);
+    const char* option = problem.rfind("window", 0) == 0 ? "--window"
+                         : problem.rfind("PSF", 0) == 0  ? "--psf-sigma"
+                                                         : "--reference-index";
+    throw UsageError(std::string("option ") + option + ": " + problem);
 }
 
 std::unique_ptr<SrSession::Impl> makeRobustSession(const SrSettings& settings, cv::Size frameSize)

@@ -143,15 +143,17 @@ const char* const kSrSettingsHelp =
     "                        1e-6 (default 0.007)\n"
     "  --iterations N        bound on the solver's iterations, 1 or more (default 8)\n"
     "  --psf-sigma X         sensor blur, Gaussian sigma in output pixels, above 0\n"
-    "                        (default 0.683)\n"
+    "                        (default 0.683). Also for local motion, where it is\n"
+    "                        the optics' blur in front of the detector's 2x2\n"
+    "                        integration, 0 to 10 (default 0: sharp optics)\n"
     "  --camera TEXT         or: the blur from a camera and lens description such\n"
     "                        as \"k57 FOV 25\" (unrecognised text: the default)\n";
 
 namespace {
 
 // Options that only the global-motion engine has.
-const char* const kGlobalOnlyOptions[] = {"--engine",     "--tv-weight", "--reg-error", "--rel-residue",
-                                          "--iterations", "--psf-sigma", "--camera"};
+const char* const kGlobalOnlyOptions[] = {"--engine", "--tv-weight", "--reg-error", "--rel-residue", "--iterations",
+                                          "--camera"};
 
 } // namespace
 
@@ -186,6 +188,7 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
     s.relResidue = cli.doubleOption("--rel-residue", s.relResidue, -FLT_MAX, FLT_MAX);
     s.iterations = static_cast<int>(cli.intOption("--iterations", s.iterations, INT_MIN, INT_MAX));
     const bool sigmaGiven = cli.has("--psf-sigma");
+    s.psfSigmaGiven = sigmaGiven;
     s.psfSigma = cli.doubleOption("--psf-sigma", velmor::kro::detail::kDefaultPsfSigma, -FLT_MAX, FLT_MAX);
     if (cli.has("--camera")) {
         if (sigmaGiven)

@@ -49,6 +49,7 @@ struct SrSettings {
     double relResidue = 0.007;
     int iterations = 8;
     double psfSigma = 0.683;  // from --psf-sigma, --camera, or the default
+    bool psfSigmaGiven = false; // --psf-sigma was given (local motion: else no optics blur)
     std::string camera;       // the --camera description; empty when not given
     std::string cameraModel;  // the model code decoded from it ("mk57"); empty when not decoded
     int cameraFieldOfView = -1;

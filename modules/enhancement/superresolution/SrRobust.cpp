@@ -49,6 +49,8 @@ std::string SrRobustOptions::validate() const
         m << "rigid spread " << rigidSpread << " out of range (0, 100]";
     else if (!(localWeight > 0.0f && localWeight <= 1.0f))
         m << "local weight " << localWeight << " out of range (0, 1]";
+    else if (!(psfSigma >= 0.0f && psfSigma <= 10.0f))
+        m << "PSF sigma " << psfSigma << " out of range [0, 10]";
     else if (threads < 0)
         m << "thread count " << threads << " is negative";
     return m.str();
@@ -158,10 +160,12 @@ void SrRobust::State::merge(const cv::Mat_<float>& reference, int threads)
     for (int k = 0; k < n; ++k)
         detail::scatterToBox(weights.weight(k), weights.positionX(k), weights.positionY(k), weightSum);
     detail::boxImageAdjoint(weightSum, normaliser, threads);
+    detail::blurFine(normaliser, normaliser, options.psfSigma);
     cv::max(normaliser, 1e-3f, normaliser);
 
     for (int it = 0; it < options.iterations; ++it) {
-        detail::boxImage(fine, box, threads);
+        detail::blurFine(fine, fineScratch, options.psfSigma);
+        detail::boxImage(fineScratch, box, threads);
         // Residuals of every frame against the current image, spread back
         // per frame in parallel, then summed in frame order.
         parallel::parallelFor(std::min(threads, n), 0, n, [&](int begin, int end) {
@@ -179,9 +183,10 @@ void SrRobust::State::merge(const cv::Mat_<float>& reference, int threads)
         for (int k = 1; k < n; ++k)
             accumulators[0] += accumulators[k];
         detail::boxImageAdjoint(accumulators[0], fineStep, threads);
+        detail::blurFine(fineStep, fineStep, options.psfSigma);
         cv::divide(fineStep, normaliser, fineStep);
         fine += fineStep;
-        detail::backProjectReference(reference, fine, coarseScratch, fineScratch, threads);
+        detail::backProjectReference(reference, options.psfSigma, fine, coarseScratch, fineScratch, threads);
     }
 }
 
@@ -202,7 +207,7 @@ void SrRobust::computeSR(cv::Mat_<float>& out, SrRobustReport* report)
         rep.nonFiniteSamples += s.ringNonFinite[(s.first + k) % s.ring.size()];
 
     auto start = std::chrono::steady_clock::now();
-    detail::referenceOnly(reference, s.options.baseIterations, s.fine, s.coarseScratch, s.fineScratch,
+    detail::referenceOnly(reference, s.options.baseIterations, s.options.psfSigma, s.fine, s.coarseScratch, s.fineScratch,
                           threads);
     std::vector<const cv::Mat_<float>*> window(n);
     std::vector<const cv::Mat_<uchar>*> finite(n);

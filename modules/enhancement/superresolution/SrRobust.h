@@ -26,6 +26,10 @@ struct KROLIB_EXPORT SrRobustOptions {
                                  // one shift (see the class comment), [0, 10]
     float rigidSpread = 0.25f;   // flow spread (input pixels) at which motion stops counting as one
                                  // shift, (0, 100]
+    float psfSigma = 0.0f;       // optics blur in front of the 2x2 integrating detector: Gaussian
+                                 // sigma in output pixels, [0, 10]; 0 (the default) models the
+                                 // detector's integration alone, which matches sharp optics and
+                                 // binned frames
     float localWeight = 0.5f;    // weight of the samples of a frame with local motion, relative to
                                  // one that moves as one shift, (0, 1]
     int threads = 0;             // 0: OpenMP's default; n > 0: at most n threads

@@ -59,7 +59,7 @@ cv::Mat_<float> run(const std::vector<cv::Mat_<float>>& frames, SrRobustOptions 
 cv::Mat_<float> referenceOnly(const cv::Mat_<float>& frame)
 {
     cv::Mat_<float> fine, c, f;
-    detail::referenceOnly(frame, SrRobustOptions().baseIterations, fine, c, f, 1);
+    detail::referenceOnly(frame, SrRobustOptions().baseIterations, 0.0f, fine, c, f, 1);
     return fine;
 }
 

@@ -122,16 +122,25 @@ void scatterToBox(const cv::Mat_<float>& value, const cv::Mat_<float>& sx, const
     }
 }
 
-void backProjectReference(const cv::Mat_<float>& coarse, cv::Mat_<float>& fine,
+void blurFine(const cv::Mat_<float>& fine, cv::Mat_<float>& out, float sigma)
+{
+    if (sigma > 0.0f)
+        cv::GaussianBlur(fine, out, cv::Size(), sigma, sigma, cv::BORDER_REFLECT);
+    else if (out.data != fine.data)
+        fine.copyTo(out);
+}
+
+void backProjectReference(const cv::Mat_<float>& coarse, float sigma, cv::Mat_<float>& fine,
                           cv::Mat_<float>& coarseScratch, cv::Mat_<float>& fineScratch, int threads)
 {
-    binFine(fine, coarseScratch, threads);
+    blurFine(fine, fineScratch, sigma);
+    binFine(fineScratch, coarseScratch, threads);
     cv::subtract(coarse, coarseScratch, coarseScratch);
     cv::resize(coarseScratch, fineScratch, fine.size(), 0, 0, cv::INTER_LANCZOS4);
     fine += fineScratch;
 }
 
-void referenceOnly(const cv::Mat_<float>& coarse, int iterations, cv::Mat_<float>& fine,
+void referenceOnly(const cv::Mat_<float>& coarse, int iterations, float sigma, cv::Mat_<float>& fine,
                    cv::Mat_<float>& coarseScratch, cv::Mat_<float>& fineScratch, int threads)
 {
     // Lanczos rather than bicubic: measured on 2x2-binned real thermal
@@ -139,7 +148,7 @@ void referenceOnly(const cv::Mat_<float>& coarse, int iterations, cv::Mat_<float
     // bicubic enlargement where a bicubic start gains 0.75 dB.
     cv::resize(coarse, fine, cv::Size(coarse.cols * 2, coarse.rows * 2), 0, 0, cv::INTER_LANCZOS4);
     for (int i = 0; i < iterations; ++i)
-        backProjectReference(coarse, fine, coarseScratch, fineScratch, threads);
+        backProjectReference(coarse, sigma, fine, coarseScratch, fineScratch, threads);
 }
 
 } // namespace detail

@@ -42,16 +42,22 @@ void sampleBox(const cv::Mat_<float>& box, const cv::Mat_<float>& sx, const cv::
 void scatterToBox(const cv::Mat_<float>& value, const cv::Mat_<float>& sx, const cv::Mat_<float>& sy,
                   cv::Mat_<float>& acc);
 
+// The optics' blur in front of the detector: a Gaussian of `sigma` fine
+// pixels (symmetric, so it is its own adjoint); a copy when sigma is 0.
+// In place is allowed.
+void blurFine(const cv::Mat_<float>& fine, cv::Mat_<float>& out, float sigma);
+
 // The reference frame alone: iterative back-projection through the sensor
-// model, starting from a Lanczos enlargement and correcting by the Lanczos
-// enlargement of the coarse residual, `iterations` times. `coarseScratch`
-// and `fineScratch` are caller-owned work images.
-void referenceOnly(const cv::Mat_<float>& coarse, int iterations, cv::Mat_<float>& fine,
+// model (optics blur `sigma`, then 2x2 integration), starting from a Lanczos
+// enlargement and correcting by the Lanczos enlargement of the coarse
+// residual, `iterations` times. `coarseScratch` and `fineScratch` are
+// caller-owned work images.
+void referenceOnly(const cv::Mat_<float>& coarse, int iterations, float sigma, cv::Mat_<float>& fine,
                    cv::Mat_<float>& coarseScratch, cv::Mat_<float>& fineScratch, int threads);
 
 // One back-projection correction of `fine` against the coarse frame:
-// fine += Lanczos enlargement of (coarse - bin(fine)).
-void backProjectReference(const cv::Mat_<float>& coarse, cv::Mat_<float>& fine,
+// fine += Lanczos enlargement of (coarse - bin(blur(fine))).
+void backProjectReference(const cv::Mat_<float>& coarse, float sigma, cv::Mat_<float>& fine,
                           cv::Mat_<float>& coarseScratch, cv::Mat_<float>& fineScratch, int threads);
 
 } // namespace detail

@@ -218,6 +218,7 @@ double SrRobustWeights::fallbackFraction(int ref, int threads)
         if (k != ref)
             scatterToBox(frames_[k].weight, frames_[k].posX, frames_[k].posY, fineSum_);
     boxImageAdjoint(fineSum_, support_, threads);
+    blurFine(support_, support_, sigma_);
     // One frame fully accepted spreads a weight of 1/4 onto each output pixel.
     support_ *= 4.0f;
     cv::min(support_, 1.0f, support_);
@@ -232,7 +233,9 @@ void SrRobustWeights::compute(const std::vector<const cv::Mat_<float>*>& window,
 {
     const int n = static_cast<int>(window.size());
     frames_.resize(n);
-    boxImage(referenceOnly, box_, threads);
+    sigma_ = options.psfSigma;
+    blurFine(referenceOnly, fineSum_, options.psfSigma);
+    boxImage(fineSum_, box_, threads);
 
     // The noise deviation is that of the most consistent frame, so that a
     // frame that disagrees everywhere (a scene cut) does not raise the

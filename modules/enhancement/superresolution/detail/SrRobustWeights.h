@@ -62,6 +62,7 @@ private:
 
     int width_;
     int height_;
+    float sigma_ = 0.0f;
     cv::Mat_<float> gridX_, gridY_, ones_, box_, pred_, fineSum_, support_;
     std::vector<Frame> frames_;
     std::vector<float> scratch_;
