@@ -17,7 +17,7 @@ struct KROLIB_EXPORT SrRobustOptions {
     int windowSize = 5;          // frames per reconstruction, 1..32
     int referenceIndex = 3;      // reference frame counted back from the newest, 0..windowSize-1
     int baseIterations = 3;      // back-projection steps of the reference-only image, 0..50
-    int iterations = 3;          // multi-frame back-projection steps, 0..50
+    int iterations = 4;          // multi-frame back-projection steps, 0..50
     float consistency = 3.0f;    // a sample is used while its low-passed disagreement with the
                                  // reference stays below this many noise deviations, (0, 100]
     float maxFlowError = 0.25f;  // forward-backward flow mismatch above which a sample is
@@ -30,7 +30,7 @@ struct KROLIB_EXPORT SrRobustOptions {
                                  // sigma in output pixels, [0, 10]; 0 (the default) models the
                                  // detector's integration alone, which matches sharp optics and
                                  // binned frames
-    float localWeight = 0.5f;    // weight of the samples of a frame with local motion, relative to
+    float localWeight = 0.35f;   // weight of the samples of a frame with local motion, relative to
                                  // one that moves as one shift, (0, 1]
     int threads = 0;             // 0: OpenMP's default; n > 0: at most n threads
 
