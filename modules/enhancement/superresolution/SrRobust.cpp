@@ -20,6 +20,10 @@ namespace {
 constexpr int kMinSide = 8;
 constexpr int kMaxWindow = 32;
 constexpr int kMaxIterations = 50;
+// A frame with at least this share of its samples rejected is worth a
+// warning: on real driving footage even the farthest frame of a window of
+// five keeps a fifth of its samples.
+constexpr double kDisagreeingFrame = 0.95;
 
 double millisecondsSince(std::chrono::steady_clock::time_point start)
 {
@@ -236,8 +240,14 @@ void SrRobust::computeSR(cv::Mat_<float>& out, SrRobustReport* report)
     if (rep.nonFiniteSamples > 0)
         rep.warnings.push_back(std::to_string(rep.nonFiniteSamples) +
                                " non-finite samples replaced by the frame median");
-    if (n > 1 && rep.rejectedFraction >= 0.999)
+    if (n > 1 && rep.rejectedFraction >= 0.999) {
         rep.warnings.push_back("no frame agrees with the reference: reference-only result");
+    } else {
+        for (int k = 0; k < n; ++k)
+            if (rep.frames[k].rejectedFraction >= kDisagreeingFrame)
+                rep.warnings.push_back("window frame " + std::to_string(k) +
+                                       " disagrees with the reference almost everywhere (a scene change?)");
+    }
     s.fine.copyTo(out);
 }
 

@@ -210,6 +210,18 @@ TEST(SrRobust, HostileWindowsFallBackToTheReferenceWithoutNaN)
     EXPECT_GT(report.rejectedFraction, 0.9);
     EXPECT_LT(cv::norm(out, referenceOnly(unrelated[1]), cv::NORM_INF), 0.05 * 1000.0);
 
+    // A scene cut after the reference: the new scene is rejected and named.
+    std::vector<cv::Mat_<float>> cut;
+    const cv::Mat_<float> before = krotest::texturedScene(80, 96, 200), after = krotest::texturedScene(80, 96, 201);
+    for (int i = 0; i < 5; ++i)
+        cut.push_back(binnedShift(i < 3 ? before : after, i % 2, 0, 1.0, 40 + i));
+    out = run(cut, options, &report);
+    EXPECT_LT(report.frames[0].rejectedFraction, 0.5);
+    EXPECT_GT(report.frames[3].rejectedFraction, 0.95);
+    EXPECT_GT(report.frames[4].rejectedFraction, 0.95);
+    ASSERT_EQ(report.warnings.size(), 2u);
+    EXPECT_NE(report.warnings[0].find("window frame 3 disagrees"), std::string::npos) << report.warnings[0];
+
     // NaN and infinity: counted, warned about, never in the output.
     std::vector<cv::Mat_<float>> bad = unrelated;
     bad[3](5, 5) = std::nanf("");
