@@ -5,6 +5,7 @@
 
 #include "detail/FilterArithmetic.h"
 #include "detail/ImageOverlap.h"
+#include "detail/Parallel.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -94,19 +95,30 @@ void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& d
         return static_cast<short>(mean - 32768 + (((mid[c] + 32768 - mean) * k + 16) >> 5));
     };
 
-    const bool parallel = static_cast<long long>(rows) * cols >= kMinPixelsForThreads;
-#pragma omp parallel for schedule(static) if (parallel)
-    for (int y = 0; y < rows; ++y) {
-        const short* up = src[std::max(y - 1, 0)];
-        const short* mid = src[y];
-        const short* down = src[std::min(y + 1, rows - 1)];
-        short* out = dst[y];
-        out[0] = borderPixel(up, mid, down, 0);
-        for (int c = 1; c < cols - 1; ++c)
-            out[c] = smoothPixel(up, mid, down, c - 1, c, c + 1, sadCap, reciprocal);
-        if (cols > 1)
-            out[cols - 1] = borderPixel(up, mid, down, cols - 1);
-    }
+    const int threads = static_cast<long long>(rows) * cols >= kMinPixelsForThreads
+                            ? parallel::resolveThreads(mThreads)
+                            : 1;
+    mLastThreads = parallel::parallelFor(threads, 0, rows, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
+            const short* up = src[std::max(y - 1, 0)];
+            const short* mid = src[y];
+            const short* down = src[std::min(y + 1, rows - 1)];
+            short* out = dst[y];
+            out[0] = borderPixel(up, mid, down, 0);
+            for (int c = 1; c < cols - 1; ++c)
+                out[c] = smoothPixel(up, mid, down, c - 1, c, c + 1, sadCap, reciprocal);
+            if (cols > 1)
+                out[cols - 1] = borderPixel(up, mid, down, cols - 1);
+        }
+    });
+}
+
+bool SpatialNoiseRemover::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    mThreads = threads;
+    return true;
 }
 
 } // namespace kro

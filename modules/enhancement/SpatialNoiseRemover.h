@@ -38,11 +38,22 @@ public:
     // `src` (the filter reads neighbours that would already be overwritten).
     void process(const cv::Mat_<short>& src, cv::Mat_<short>& dst);
 
+    // Threads of the inner loops: 0 (the default) takes OpenMP's default
+    // for a new parallel region, n > 0 at most n. A negative count is
+    // refused (false, nothing changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return mThreads; }
+    // Threads the last frame's loops ran on (frames below 16384 pixels run
+    // on the calling thread).
+    int getLastThreadCount() const { return mLastThreads; }
+
 private:
     int div9(int x) const;
     int approxK(int sad) const;
 
     std::int32_t mGain;
+    int mThreads = 0;
+    int mLastThreads = 1;
 };
 
 } // namespace kro

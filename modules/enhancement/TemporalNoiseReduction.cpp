@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "detail/FilterArithmetic.h"
+#include "detail/Parallel.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -100,6 +101,14 @@ int TemporalNoiseReduction::getAlphaHw() const
     return mHwUnits ? mFeedbackFactor : wrapMul(mFeedbackFactor, 2048) / 100;
 }
 
+bool TemporalNoiseReduction::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    mThreads = threads;
+    return true;
+}
+
 int TemporalNoiseReduction::getGlobalOff() const { return mGlobalThreshold == 100 ? 1 : 0; }
 
 void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>& dst)
@@ -111,17 +120,20 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
     const std::int32_t alpha0 = getAlphaHw();
     const int rows = src.rows;
     const int cols = src.cols;
-    const bool parallel = static_cast<long long>(rows) * cols >= kMinPixelsForThreads;
+    const int threads = static_cast<long long>(rows) * cols >= kMinPixelsForThreads
+                            ? parallel::resolveThreads(mThreads)
+                            : 1;
 
     if (mFirstFrame || mAccu.rows != rows || mAccu.cols != cols) {
         mAccu.create(rows, cols);
-#pragma omp parallel for schedule(static) if (parallel)
-        for (int r = 0; r < rows; ++r) {
-            const short* in = src[r];
-            std::int32_t* accu = mAccu[r];
-            for (int c = 0; c < cols; ++c)
-                accu[c] = (wrapMul(in[c], 4) & kAccuMask) ^ 131072;
-        }
+        parallel::parallelFor(threads, 0, rows, [&](int begin, int end) {
+            for (int r = begin; r < end; ++r) {
+                const short* in = src[r];
+                std::int32_t* accu = mAccu[r];
+                for (int c = 0; c < cols; ++c)
+                    accu[c] = (wrapMul(in[c], 4) & kAccuMask) ^ 131072;
+            }
+        });
         mAlpha = alpha0;
         mFirstFrame = false;
     }
@@ -136,13 +148,12 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
     feedback[kTableSize] = 0;
     const std::int32_t* const scaled = feedback.data();
 
-    long long motionSum = 0;
-#pragma omp parallel for schedule(static) reduction(+ : motionSum) if (parallel)
-    for (int r = 0; r < rows; ++r) {
+    mRowSums.resize(static_cast<std::size_t>(rows));
+    const long long motionSum = parallel::parallelSum(threads, 0, rows, mRowSums.data(), [&](int r) {
         const short* in = src[r];
         short* out = dst[r];
         std::int32_t* accu = mAccu[r];
-        long long rowSum = 0;
+        std::int64_t rowSum = 0;
         for (int c = 0; c < cols; ++c) {
             const std::int32_t sample = in[c];
             const std::int32_t u4 = (sample + 32768) * 4;
@@ -157,8 +168,8 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
             out[c] = reset ? static_cast<short>(sample)
                            : static_cast<short>(((next + 2) >> 2) - 32768);
         }
-        motionSum += rowSum;
-    }
+        return rowSum;
+    }, &mLastThreads);
 
     mMotionLevel = static_cast<std::int32_t>(((motionSum >> 2) + 3LL * mMotionLevel) >> 2);
     const std::int32_t pixels = static_cast<std::int32_t>(static_cast<long long>(rows) * cols);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -60,6 +61,15 @@ public:
     // frame.
     void process(const cv::Mat_<short>& src, cv::Mat_<short>& dst);
 
+    // Threads of the inner loops: 0 (the default) takes OpenMP's default
+    // for a new parallel region, n > 0 at most n. A negative count is
+    // refused (false, nothing changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return mThreads; }
+    // Threads the last frame's loops ran on (frames below 16384 pixels run
+    // on the calling thread).
+    int getLastThreadCount() const { return mLastThreads; }
+
 private:
     std::int32_t mAlpha;        // adaptive feedback, Q11
     std::int32_t mMotionLevel;  // smoothed motion statistic, never reset
@@ -71,6 +81,9 @@ private:
     bool mHwUnits;
     cv::Mat_<std::int32_t> mAccu;  // (sample + 32768) * 4 per pixel
     bool mFirstFrame;
+    int mThreads = 0;
+    int mLastThreads = 1;
+    std::vector<std::int64_t> mRowSums;  // per-row motion sums, added in row order
 };
 
 } // namespace kro

@@ -87,12 +87,16 @@ TEST(SpatialNoiseRemover, RegionOfInterestMatchesModelAndThreadCountDoesNotMatte
     EXPECT_IMAGES_EQUAL(snrModel(roi.clone(), 6), out);
 
     const cv::Mat_<short> src = makeImage(3, 131, 157, 21);
-    cv::Mat_<short> outs[2];
-    for (int threads : {1, 2}) {
-        krotest::ThreadCount count(threads);
-        SpatialNoiseRemover(6).process(src, outs[threads - 1]);
+    cv::Mat_<short> outs[3];
+    const int counts[3] = {1, 2, 7};
+    for (int i = 0; i < 3; ++i) {
+        SpatialNoiseRemover filter(6);
+        ASSERT_TRUE(filter.setThreads(counts[i]));
+        filter.process(src, outs[i]);
+        EXPECT_EQ(filter.getLastThreadCount(), counts[i]);
     }
     EXPECT_IMAGES_EQUAL(outs[0], outs[1]);
+    EXPECT_IMAGES_EQUAL(outs[0], outs[2]);
 }
 
 TEST(SpatialNoiseRemover, FlatAreaKeepsThirteenThirtySecondsOfTheDeviation)

@@ -153,18 +153,24 @@ TEST(TemporalNoiseReduction, MatchesScalarModelOverSizesParametersAndScenes)
     }
 }
 
-TEST(TemporalNoiseReduction, SameBytesWithOneAndTwoThreadsAndInPlace)
+TEST(TemporalNoiseReduction, SameBytesWhateverTheThreadCountAndInPlace)
 {
     const auto input = makeSequence(Scene::Moving, 121, 163, 8, 5);
-    TemporalNoiseReduction filters[3] = {{10, 15, 60, false}, {10, 15, 60, false}, {10, 15, 60, false}};
+    const int counts[3] = {1, 2, 7};
+    TemporalNoiseReduction filters[4] = {{10, 15, 60, false}, {10, 15, 60, false}, {10, 15, 60, false},
+                                         {10, 15, 60, false}};
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(filters[i].setThreads(counts[i]));
+    EXPECT_FALSE(filters[3].setThreads(-1));
     for (const auto& frame : input) {
-        cv::Mat_<short> out[2], inPlace = frame.clone();
-        for (int threads : {1, 2}) {
-            krotest::ThreadCount count(threads);
-            filters[threads - 1].process(frame, out[threads - 1]);
+        cv::Mat_<short> out[3], inPlace = frame.clone();
+        for (int i = 0; i < 3; ++i) {
+            filters[i].process(frame, out[i]);
+            EXPECT_EQ(filters[i].getLastThreadCount(), counts[i]);
         }
-        filters[2].process(inPlace, inPlace);
+        filters[3].process(inPlace, inPlace);
         EXPECT_IMAGES_EQUAL(out[0], out[1]);
+        EXPECT_IMAGES_EQUAL(out[0], out[2]);
         EXPECT_IMAGES_EQUAL(out[0], inPlace);
     }
 }
