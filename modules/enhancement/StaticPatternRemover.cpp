@@ -6,7 +6,7 @@
 
 #include "detail/FilterArithmetic.h"
 #include "detail/ImageOverlap.h"
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -244,7 +244,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     const int last = cols - 1;
     const Settings settings{mThreshold, mThreshold07, mLineLimit, mFrameLimit, mMinInit, mMaxInit};
     // Narrow frames are not worth a second thread.
-    const int threads = cols >= kMinColumnsPerThread * 2 ? detail::ompMaxThreads() : 1;
+    const int threads = cols >= kMinColumnsPerThread * 2 ? parallel::resolveThreads(mThreads) : 1;
     // Work space: per part of the columns, seven arrays over its columns plus
     // a margin of kReach on each side, each array rounded up to whole cache
     // lines so that no two threads write into one line.
@@ -291,7 +291,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             const short* down = src[std::min(y + 1, rows - 1)];
             for (int c = lo; c < measureFrom; ++c)
                 measureColumn<true>(up, mid, down, c, last, settings, work);
-#pragma omp simd
+#pragma GCC ivdep
             for (int c = measureFrom; c < measureTo; ++c)
                 measureColumn<false>(up, mid, down, c, last, settings, work);
             for (int c = measureTo; c < hi; ++c)
@@ -301,7 +301,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             std::int32_t* frame = mFramePattern[y];
             for (int c = begin; c < correctFrom; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
-#pragma omp simd
+#pragma GCC ivdep
             for (int c = correctFrom; c < correctTo; ++c)
                 correctColumn<false>(mid, out, frame, c, last, settings, work);
             for (int c = correctTo; c < end; ++c)
@@ -322,15 +322,22 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
     // needs no exchange with its neighbours and gives exactly the
     // left-to-right result. (A team smaller than asked for takes several
     // parts per thread.)
-#pragma omp parallel num_threads(threads)
-    {
-        for (int part = detail::ompThreadNum(); part < threads; part += detail::ompTeamSize())
+    mLastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
+        for (int part = team.index(); part < threads; part += team.size())
             runPart(part);
         // Every part has read its margins of the line pattern: store the own columns.
-#pragma omp barrier
-        for (int part = detail::ompThreadNum(); part < threads; part += detail::ompTeamSize())
+        team.barrier();
+        for (int part = team.index(); part < threads; part += team.size())
             storePart(part);
-    }
+    });
+}
+
+bool StaticPatternRemover::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    mThreads = threads;
+    return true;
 }
 
 } // namespace kro

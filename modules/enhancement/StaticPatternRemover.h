@@ -56,6 +56,15 @@ public:
     const cv::Mat_<std::int32_t>& linePattern() const { return mLinePattern; }
     const cv::Mat_<std::int32_t>& framePattern() const { return mFramePattern; }
 
+    // Threads of the column parts: 0 (the default) takes OpenMP's default
+    // for a new parallel region, n > 0 at most n. A negative count is
+    // refused (false, nothing changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return mThreads; }
+    // Threads the last frame ran on (frames narrower than 128 columns run
+    // on the calling thread).
+    int getLastThreadCount() const { return mLastThreads; }
+
 private:
     void init(const cv::Size& size);
     void validateInput(const cv::Size& size);
@@ -73,6 +82,8 @@ private:
     // Work space of the threads (seven values per column and margin), grown
     // by process() when the width or the thread count asks for more.
     std::vector<std::int32_t> mRowScratch;
+    int mThreads = 0;
+    int mLastThreads = 1;
 };
 
 } // namespace kro
