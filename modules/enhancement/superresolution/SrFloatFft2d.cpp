@@ -8,8 +8,8 @@
 #include <cstring>
 #include <vector>
 
+#include "detail/Parallel.h"
 #include "detail/FftwPlans.h"
-#include "detail/OmpHelpers.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -34,11 +34,11 @@ namespace {
 // Threads for one transform: about width * height * log2(width * height)
 // butterflies. The blocks are the same for any count, so this choice never
 // changes a result.
-int transformThreads(int width, int height)
+int transformThreads(int threads, int width, int height)
 {
     const double pixels = static_cast<double>(width) * height;
     const double work = pixels * std::log2(pixels + 1.0);
-    return detail::threadsForWork(static_cast<std::size_t>(work), detail::ompMaxThreads());
+    return parallel::threadsForWork(threads, static_cast<std::size_t>(work));
 }
 
 void copyRows(const float* from, float* to, int width, int firstRow, int endRow)
@@ -55,6 +55,24 @@ void copyColumns(const fftwf_complex* from, fftwf_complex* to, int spectrumWidth
     for (int y = 0; y < height; ++y) {
         const std::size_t at = static_cast<std::size_t>(y) * spectrumWidth + firstColumn;
         std::memcpy(to + at, from + at, static_cast<std::size_t>(count) * sizeof(fftwf_complex));
+    }
+}
+
+// Undoes forward's packing of one spectrum row before the inverse row
+// transform.
+void unpackRow(fftwf_complex* row, int last, bool oddWidth)
+{
+    row[0][1] = 0.0f;
+    if (last <= 0)
+        return;
+    if (oddWidth) {
+        // Mirror of forward: the real part goes to packed position width - 1,
+        // the imaginary slot of the last frequency; its real slot, which
+        // forward dropped, is 0.
+        row[last][1] = row[last][0];
+        row[last][0] = 0.0f;
+    } else {
+        row[last][1] = 0.0f;
     }
 }
 
@@ -141,6 +159,7 @@ SrFloatFft2d::SrFloatFft2d(int width_, int height_) : width(width_), height(heig
 SrFloatFft2d::SrFloatFft2d(const SrFloatFft2d& other)
     : width(other.width),
       height(other.height),
+      threadCount(other.threadCount),
       plans(other.plans),
       buffers(makeBuffers(other.width, other.height))
 {
@@ -152,6 +171,7 @@ SrFloatFft2d& SrFloatFft2d::operator=(const SrFloatFft2d& other)
         auto fresh = makeBuffers(other.width, other.height);
         width = other.width;
         height = other.height;
+        threadCount = other.threadCount;
         plans = other.plans;
         buffers = std::move(fresh);
     }
@@ -174,38 +194,39 @@ void SrFloatFft2d::forward(float* image, float (*spectrum)[2])
     float* source = stageImage ? buffers->image.get() : image;
     fftwf_complex* target = stageSpectrum ? buffers->spectrum.get() : spectrum;
     const detail::FftwPlans2d& p = *plans;
-    const int threads = transformThreads(width, height);
+    const int threads = transformThreads(threadCount, width, height);
 
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    {
-#pragma omp for schedule(static)
-        for (int block = 0; block < p.rowBlocks(); ++block) {
-            const int first = p.firstRow(block);
-            const int end = first + p.rowsIn(block);
-            if (stageImage)
-                copyRows(image, source, width, first, end);
-            p.forwardRows(block, source, target);
-            for (int y = first; y < end; ++y) {
-                fftwf_complex* row = target + static_cast<std::size_t>(y) * spectrumWidth;
-                row[0][1] = 0.0f;
-                if (last > 0) {
-                    // Last bin = (packed value at width - 1, 0): the real part
-                    // of the last frequency for even widths, its imaginary
-                    // part for odd ones (see the header).
-                    if (oddWidth)
-                        row[last][0] = row[last][1];
-                    row[last][1] = 0.0f;
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
+        team.forRows(0, p.rowBlocks(), [&](int firstBlock, int endBlock) {
+            for (int block = firstBlock; block < endBlock; ++block) {
+                const int first = p.firstRow(block);
+                const int end = first + p.rowsIn(block);
+                if (stageImage)
+                    copyRows(image, source, width, first, end);
+                p.forwardRows(block, source, target);
+                for (int y = first; y < end; ++y) {
+                    fftwf_complex* row = target + static_cast<std::size_t>(y) * spectrumWidth;
+                    row[0][1] = 0.0f;
+                    if (last > 0) {
+                        // Last bin = (packed value at width - 1, 0): the real part
+                        // of the last frequency for even widths, its imaginary
+                        // part for odd ones (see the header).
+                        if (oddWidth)
+                            row[last][0] = row[last][1];
+                        row[last][1] = 0.0f;
+                    }
                 }
             }
-        }
-#pragma omp for schedule(static)
-        for (int block = 0; block < p.columnBlocks(); ++block) {
-            p.forwardColumns(block, target);
-            if (stageSpectrum)
-                copyColumns(target, spectrum, spectrumWidth, height, p.firstColumn(block),
-                            p.columnsIn(block));
-        }
-    }
+        });
+        team.forRows(0, p.columnBlocks(), [&](int firstBlock, int endBlock) {
+            for (int block = firstBlock; block < endBlock; ++block) {
+                p.forwardColumns(block, target);
+                if (stageSpectrum)
+                    copyColumns(target, spectrum, spectrumWidth, height, p.firstColumn(block),
+                                p.columnsIn(block));
+            }
+        });
+    });
 }
 
 void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
@@ -221,40 +242,27 @@ void SrFloatFft2d::backward(float (*spectrum)[2], float* image)
     fftwf_complex* work = buffers->spectrum.get();
     float* target = stageImage ? buffers->image.get() : image;
     const detail::FftwPlans2d& p = *plans;
-    const int threads = transformThreads(width, height);
+    const int threads = transformThreads(threadCount, width, height);
 
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    {
-#pragma omp for schedule(static)
-        for (int block = 0; block < p.columnBlocks(); ++block) {
-            copyColumns(spectrum, work, spectrumWidth, height, p.firstColumn(block),
-                        p.columnsIn(block));
-            p.backwardColumns(block, work);
-        }
-#pragma omp for schedule(static)
-        for (int block = 0; block < p.rowBlocks(); ++block) {
-            const int first = p.firstRow(block);
-            const int end = first + p.rowsIn(block);
-            for (int y = first; y < end; ++y) {
-                fftwf_complex* row = work + static_cast<std::size_t>(y) * spectrumWidth;
-                row[0][1] = 0.0f;
-                if (last > 0) {
-                    if (oddWidth) {
-                        // Mirror of forward: the real part goes to packed
-                        // position width - 1, the imaginary slot of the last
-                        // frequency; its real slot, which forward dropped, is 0.
-                        row[last][1] = row[last][0];
-                        row[last][0] = 0.0f;
-                    } else {
-                        row[last][1] = 0.0f;
-                    }
-                }
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
+        team.forRows(0, p.columnBlocks(), [&](int firstBlock, int endBlock) {
+            for (int block = firstBlock; block < endBlock; ++block) {
+                copyColumns(spectrum, work, spectrumWidth, height, p.firstColumn(block), p.columnsIn(block));
+                p.backwardColumns(block, work);
             }
-            p.backwardRows(block, work, target);
-            if (stageImage)
-                copyRows(target, image, width, first, end);
-        }
-    }
+        });
+        team.forRows(0, p.rowBlocks(), [&](int firstBlock, int endBlock) {
+            for (int block = firstBlock; block < endBlock; ++block) {
+                const int first = p.firstRow(block);
+                const int end = first + p.rowsIn(block);
+                for (int y = first; y < end; ++y)
+                    unpackRow(work + static_cast<std::size_t>(y) * spectrumWidth, last, oddWidth);
+                p.backwardRows(block, work, target);
+                if (stageImage)
+                    copyRows(target, image, width, first, end);
+            }
+        });
+    });
 }
 
 void SrFloatFft2d::gaussFft(int radius, float sigma, float (*spectrum)[2], float* kernel)
@@ -356,43 +364,44 @@ void SrFloatFft2d::repairGaussBlur(const float* image, float* blurred, int radiu
     const int rightBegin = std::max(w - r, leftEnd);
     // Work: the band's pixels, each a horizontal and a vertical dot product.
     const std::size_t band = static_cast<std::size_t>(twoR) * (static_cast<std::size_t>(w) + h);
-    const int threads = detail::threadsForWork(band * static_cast<std::size_t>(twoR + 1) * 2,
-                                               detail::ompMaxThreads());
+    const int threads =
+        parallel::threadsForWork(threadCount, band * static_cast<std::size_t>(twoR + 1) * 2);
 
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    {
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
         // Horizontal pass: whole rows within 2r of the top or bottom (the
         // vertical taps of the top and bottom bands), the band columns of
         // every other row.
-#pragma omp for schedule(static)
-        for (int y = 0; y < h; ++y) {
-            const float* in = image + static_cast<std::size_t>(y) * w;
-            float* out = smooth + static_cast<std::size_t>(y) * w;
-            if (y < twoR || y >= h - twoR) {
-                for (int x = 0; x < w; ++x)
+        team.forRows(0, h, [&](int begin, int end) {
+            for (int y = begin; y < end; ++y) {
+                const float* in = image + static_cast<std::size_t>(y) * w;
+                float* out = smooth + static_cast<std::size_t>(y) * w;
+                const bool whole = y < twoR || y >= h - twoR;
+                for (int x = 0; x < (whole ? w : leftEnd); ++x)
                     out[x] = blur1d(in, x, w, 1);
-            } else {
-                for (int x = 0; x < leftEnd; ++x)
-                    out[x] = blur1d(in, x, w, 1);
-                for (int x = rightBegin; x < w; ++x)
+                for (int x = whole ? w : rightBegin; x < w; ++x)
                     out[x] = blur1d(in, x, w, 1);
             }
-        }
+        });
         // Vertical pass over the band.
-#pragma omp for schedule(static)
-        for (int y = 0; y < h; ++y) {
-            float* out = blurred + static_cast<std::size_t>(y) * w;
-            if (y < r || y >= h - r) {
-                for (int x = 0; x < w; ++x)
+        team.forRows(0, h, [&](int begin, int end) {
+            for (int y = begin; y < end; ++y) {
+                float* out = blurred + static_cast<std::size_t>(y) * w;
+                const bool whole = y < r || y >= h - r;
+                for (int x = 0; x < (whole ? w : leftEnd); ++x)
                     out[x] = blur1d(smooth + x, y, h, w);
-            } else {
-                for (int x = 0; x < leftEnd; ++x)
-                    out[x] = blur1d(smooth + x, y, h, w);
-                for (int x = rightBegin; x < w; ++x)
+                for (int x = whole ? w : rightBegin; x < w; ++x)
                     out[x] = blur1d(smooth + x, y, h, w);
             }
-        }
-    }
+        });
+    });
+}
+
+bool SrFloatFft2d::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    return true;
 }
 
 } // namespace kro

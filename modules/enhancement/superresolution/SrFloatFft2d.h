@@ -118,9 +118,19 @@ public:
     // Throws velmor::kro::Exception for a negative radius or a null pointer.
     void repairGaussBlur(const float* image, float* blurred, int radius, float* kernel);
 
+    // Threads of one call: 0 (the default) takes OpenMP's default for a new
+    // parallel region, n > 0 at most n; small transforms run on the calling
+    // thread. A negative count is refused (false, nothing changed).
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last call ran on.
+    int getLastThreadCount() const { return lastThreads; }
+
 private:
     int width;
     int height;
+    int threadCount = 0;
+    int lastThreads = 1;
     std::shared_ptr<const detail::FftwPlans2d> plans;
     std::unique_ptr<detail::SrFloatFft2dBuffers> buffers;
 };
