@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <limits>
 
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/SparseConvRows.h"
 #include "detail/Throw.h"
 
@@ -60,8 +60,22 @@ SrFloatConvolution::SrFloatConvolution(int fineWidth_, int fineHeight_, int psfW
     scratch.create(fullHeight, fineWidth, CV_32F);
     scratchData = scratch.ptr<float>();
 
-    threadCapacity = detail::ompThreadCapacity();
+    threadCapacity = parallel::threadCapacity(threadCount);
     rowWork.assign(rowWorkStride(fullWidth) * threadCapacity, 0.0f);
+}
+
+bool SrFloatConvolution::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    // The per-thread rows grow here, never during a call.
+    const int capacity = parallel::threadCapacity(threads);
+    if (capacity > threadCapacity) {
+        rowWork.assign(rowWorkStride(fullWidth) * capacity, 0.0f);
+        threadCapacity = capacity;
+    }
+    return true;
 }
 
 SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
@@ -69,7 +83,8 @@ SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
       psfWidth(other.psfWidth), psfHeight(other.psfHeight), fullWidth(other.fullWidth),
       fullHeight(other.fullHeight), factor(other.factor), scratch(other.scratch.clone()),
       scratchData(scratch.ptr<float>()), lowWidth(other.lowWidth), lowHeight(other.lowHeight),
-      step(other.step), threadCapacity(other.threadCapacity), rowWork(other.rowWork)
+      step(other.step), threadCount(other.threadCount), threadCapacity(other.threadCapacity),
+      rowWork(other.rowWork)
 {
 }
 
@@ -94,6 +109,7 @@ SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& othe
     lowWidth = other.lowWidth;
     lowHeight = other.lowHeight;
     step = other.step;
+    threadCount = other.threadCount;
     threadCapacity = other.threadCapacity;
     rowWork.swap(newRowWork);
     return *this;
@@ -110,32 +126,32 @@ void SrFloatConvolution::fullConvFromSparse(float* const sparse, float* const ps
 
     const std::size_t work = static_cast<std::size_t>(fullWidth) * fullHeight *
                              static_cast<std::size_t>(psfWidth + psfHeight) / 2;
-    const int nThreads = detail::threadsForWork(work, threadCapacity);
+    const int nThreads = std::min(parallel::threadsForWork(threadCount, work), threadCapacity);
     const std::size_t workStride = rowWorkStride(fullWidth);
 
     // Each thread owns whole rows r of the scratch and of the full array:
     // the vertical pass is gathered over the taps that reach row r (in
     // increasing tap order), then the horizontal pass writes the row.
-#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
-    {
-        float* phases = rowWork.data() + workStride * detail::ompThreadNum();
-#pragma omp for schedule(static)
-        for (int r = 0; r < fullHeight; ++r) {
-            float* v = scratchData + static_cast<std::size_t>(r) * fineWidth;
-            int count = 0;
-            const int k0 = detail::firstVerticalTap(r, lowHeight, psfHeight, &count);
-            const auto lowRow = [&](int t) {
-                return static_cast<std::size_t>((r - k0) / 2 - t) * lowWidth;
-            };
-            detail::maskedWeightedRowSum([&](int t) { return sparse + lowRow(t); },
-                                         [&](int t) { return mask + lowRow(t); },
-                                         [&](int t) { return psfY[k0 + 2 * t]; }, count,
-                                         lowWidth, v);
-            detail::convolveUpsampledRow(v, lowWidth, step, psfX, psfWidth, fullWidth, phases);
-            detail::interleaveRow(phases, fullWidth, step,
-                                  full + static_cast<std::size_t>(r) * fullWidth);
-        }
-    }
+    lastThreads = parallel::parallelRegion(nThreads, [&](const parallel::Team& team) {
+        float* phases = rowWork.data() + workStride * static_cast<std::size_t>(team.index());
+        team.forRows(0, fullHeight, [&](int begin, int end) {
+            for (int r = begin; r < end; ++r) {
+                float* v = scratchData + static_cast<std::size_t>(r) * fineWidth;
+                int count = 0;
+                const int k0 = detail::firstVerticalTap(r, lowHeight, psfHeight, &count);
+                const auto lowRow = [&](int t) {
+                    return static_cast<std::size_t>((r - k0) / 2 - t) * lowWidth;
+                };
+                detail::maskedWeightedRowSum([&](int t) { return sparse + lowRow(t); },
+                                             [&](int t) { return mask + lowRow(t); },
+                                             [&](int t) { return psfY[k0 + 2 * t]; }, count,
+                                             lowWidth, v);
+                detail::convolveUpsampledRow(v, lowWidth, step, psfX, psfWidth, fullWidth, phases);
+                detail::interleaveRow(phases, fullWidth, step,
+                                      full + static_cast<std::size_t>(r) * fullWidth);
+            }
+        });
+    });
     trace("end SrFloat_Convolution.fullConvFromSparse");
 }
 
@@ -151,28 +167,29 @@ void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX,
     const std::size_t work = static_cast<std::size_t>(lowWidth) *
                              (static_cast<std::size_t>(rowsUsed) * psfWidth +
                               static_cast<std::size_t>(lowHeight) * psfHeight);
-    const int nThreads = detail::threadsForWork(work, threadCapacity);
+    const int nThreads = std::min(parallel::threadsForWork(threadCount, work), threadCapacity);
     const std::size_t workStride = rowWorkStride(fullWidth);
 
-#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
-    {
-        float* phases = rowWork.data() + workStride * detail::ompThreadNum();
-#pragma omp for schedule(static)
-        for (int r = 0; r < rowsUsed; ++r) {
-            detail::deinterleaveRow(full + static_cast<std::size_t>(r) * fullWidth, fullWidth,
-                                    step, phases);
-            detail::correlateSampledRow(phases, fullWidth, step, psfX, psfWidth, lowWidth,
-                                        scratchData + static_cast<std::size_t>(r) * fineWidth);
-        }
-        // (implicit barrier: the vertical pass reads rows of other threads)
-#pragma omp for schedule(static)
-        for (int i = 0; i < lowHeight; ++i) {
-            detail::weightedRowSum(
-                [&](int k) { return scratchData + static_cast<std::size_t>(2 * i + k) * fineWidth; },
-                [&](int k) { return psfY[k]; }, psfHeight, lowWidth,
-                sparse + static_cast<std::size_t>(i) * lowWidth);
-        }
-    }
+    lastThreads = parallel::parallelRegion(nThreads, [&](const parallel::Team& team) {
+        float* phases = rowWork.data() + workStride * static_cast<std::size_t>(team.index());
+        team.forRows(0, rowsUsed, [&](int begin, int end) {
+            for (int r = begin; r < end; ++r) {
+                detail::deinterleaveRow(full + static_cast<std::size_t>(r) * fullWidth, fullWidth, step,
+                                        phases);
+                detail::correlateSampledRow(phases, fullWidth, step, psfX, psfWidth, lowWidth,
+                                            scratchData + static_cast<std::size_t>(r) * fineWidth);
+            }
+        });
+        // (forRows ends with a barrier: the vertical pass reads rows of other threads)
+        team.forRows(0, lowHeight, [&](int begin, int end) {
+            for (int i = begin; i < end; ++i) {
+                detail::weightedRowSum(
+                    [&](int k) { return scratchData + static_cast<std::size_t>(2 * i + k) * fineWidth; },
+                    [&](int k) { return psfY[k]; }, psfHeight, lowWidth,
+                    sparse + static_cast<std::size_t>(i) * lowWidth);
+            }
+        });
+    });
     trace("end SrFloat_Convolution.validCorrToSparse");
 }
 

@@ -93,6 +93,14 @@ public:
     // Horizontal sampling step on the fine grid; the vertical step is 2.
     int getStep() const { return step; }
 
+    // Threads of one call: 0 (the default) takes OpenMP's default for a new
+    // parallel region, n > 0 at most n; small grids run on the calling
+    // thread. A negative count is refused (false, nothing changed).
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last call ran on.
+    int getLastThreadCount() const { return lastThreads; }
+
 private:
     int fineWidth;
     int fineHeight;
@@ -110,6 +118,8 @@ private:
     int lowHeight;
     int step;
 
+    int threadCount = 0;
+    int lastThreads = 1;
     // One row of fullWidth floats per thread for the phase layout of a row.
     int threadCapacity;
     std::vector<float> rowWork;
