@@ -1,11 +1,12 @@
 #include "SuperResolutionBadPixelHandling.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
 
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -163,7 +164,7 @@ SuperResolutionBadPixelHandling::SuperResolutionBadPixelHandling(unsigned int nF
 SuperResolutionBadPixelHandling::SuperResolutionBadPixelHandling(
     const SuperResolutionBadPixelHandling& other)
     : nFrames(other.nFrames), dataIsNUC(other.dataIsNUC), lowerLimit(other.lowerLimit),
-      upperLimit(other.upperLimit), width(other.width), height(other.height)
+      upperLimit(other.upperLimit), width(other.width), height(other.height), threadCount(other.threadCount)
 {
     // cv::Mat copies share their pixels; a copied handler must own its maps.
     defectMaps.reserve(other.defectMaps.size());
@@ -188,10 +189,19 @@ SuperResolutionBadPixelHandling::operator=(const SuperResolutionBadPixelHandling
     upperLimit = other.upperLimit;
     width = other.width;
     height = other.height;
+    threadCount = other.threadCount;
     return *this;
 }
 
 SuperResolutionBadPixelHandling::~SuperResolutionBadPixelHandling() = default;
+
+bool SuperResolutionBadPixelHandling::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    return true;
+}
 
 void SuperResolutionBadPixelHandling::setDataIsNUC(bool isNUC)
 {
@@ -312,7 +322,7 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
     }
     // About 9 samples and a few comparisons per pixel; small frames stay on
     // the calling thread.
-    const int threads = detail::threadsForWork(pixels * 16, detail::ompThreadCapacity());
+    const int threads = parallel::threadsForWork(threadCount, pixels * 16);
     // Per thread two upper-bit histograms (spreads, values), then the three
     // lower-bit histograms of the selection.
     const std::size_t histogramSize = (2 * static_cast<std::size_t>(threads) + 3) * kBins;
@@ -329,23 +339,24 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
     double typical = 0.0;
     double range = 0.0;
     bool nanSpread = false;
+    std::atomic<bool> anyNanSpread{false};
     float* const low = lowBounds.data();
     float* const high = highBounds.data();
 
-#pragma omp parallel num_threads(threads)
-    {
-        const int thread = detail::ompThreadNum();
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
+        const int thread = team.index();
         std::uint32_t* const spreadBins = histogram.data() + 2 * static_cast<std::size_t>(thread) * kBins;
         std::uint32_t* const valueBins = spreadBins + kBins;
         std::fill(spreadBins, spreadBins + 2 * kBins, 0u);
         bool threadNan = false;
 
-#pragma omp for schedule(static)
-        for (int y = 0; y < rows; ++y)
-            classifyRowByValue_(frame, map, y);
+        team.forRows(0, rows, [&](int begin, int end) {
+            for (int y = begin; y < end; ++y)
+                classifyRowByValue_(frame, map, y);
+        });
 
-#pragma omp for schedule(static)
-        for (int y = 0; y < rows; ++y) {
+        team.forRows(0, rows, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
             const float* row = frame[y];
             const unsigned char* status = map[y];
             std::size_t values = 0, spreads = 0;
@@ -390,21 +401,20 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
             rowValueCount[y] = values;
             rowSpreadCount[y] = spreads;
         }
-        if (threadNan) {
-#pragma omp atomic write
-            nanSpread = true;
-        }
-#pragma omp barrier
+        });
+        if (threadNan)
+            anyNanSpread = true;
+        team.barrier();
 
-#pragma omp single
-        {
+        team.single([&] {
+            nanSpread = anyNanSpread;
             for (int y = 0; y < rows; ++y) {
                 usable += rowValueCount[y];
                 judged += rowSpreadCount[y];
             }
             if (judged > 0) {
                 // Merge the threads' upper-bit histograms into thread 0's.
-                for (int t = 1; t < threads; ++t) {
+                for (int t = 1; t < team.size(); ++t) {
                     const std::uint32_t* other = histogram.data() + 2 * static_cast<std::size_t>(t) * kBins;
                     for (std::size_t b = 0; b < 2 * kBins; ++b)
                         histogram[b] += other[b];
@@ -454,10 +464,10 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
                     typical = *middle;
                 }
             }
-        }
+        });
 
-#pragma omp for schedule(static)
-        for (int y = 0; y < rows; ++y) {
+        team.forRows(0, rows, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
             const float* row = frame[y];
             unsigned char* status = map[y];
             // With no judged pixel (none has enough usable neighbours) no
@@ -507,7 +517,8 @@ void SuperResolutionBadPixelHandling::classify_(const cv::Mat_<float>& frame,
             rowGoodMin[y] = mn;
             rowGoodMax[y] = mx;
         }
-    }
+        });
+    });
 
     anyGood = false;
     goodMin = goodMax = 0.0f;

@@ -181,6 +181,15 @@ public:
 
     // Chooses the kind of data and resets the limits to its defaults.
     void setDataIsNUC(bool dataIsNUC);
+
+    // Threads of the detector's loops: 0 (the default) takes OpenMP's
+    // default for a new parallel region, n > 0 at most n; small frames run on
+    // the calling thread. A negative count is refused (false, nothing
+    // changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last detection ran on.
+    int getLastThreadCount() const { return lastThreads; }
     bool getDataIsNUC() const { return dataIsNUC; }
 
     // Overrides the detector limits; lower must be below upper, neither NaN.
@@ -252,6 +261,8 @@ private:
         float value;
     };
     std::vector<Replacement> replacements;
+    int threadCount = 0;
+    int lastThreads = 1;
 };
 
 } // namespace kro
