@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "SrFloatConvolution.h"
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/ShiftFrame.h"
 #include "detail/Throw.h"
 
@@ -159,11 +159,12 @@ void flowSums(const float* gx, const float* gy, const float* current, int offset
 
 // Rows [0, rows) shared among `threads` threads in fixed blocks.
 template <typename RowFunction>
-void forEachRow(int rows, int threads, const RowFunction& rowFunction)
+int forEachRow(int rows, int threads, const RowFunction& rowFunction)
 {
-#pragma omp parallel for schedule(static) num_threads(threads) if (threads > 1)
-    for (int y = 0; y < rows; ++y)
-        rowFunction(y);
+    return parallel::parallelFor(threads, 0, rows, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y)
+            rowFunction(y);
+    });
 }
 
 } // namespace
@@ -237,7 +238,8 @@ SrFloatRegistration1::SrFloatRegistration1(const SrFloatRegistration1& other)
       rowTensor(other.rowTensor),
       rowFlow(other.rowFlow),
       rowPeakValue(other.rowPeakValue),
-      rowPeakIndex(other.rowPeakIndex)
+      rowPeakIndex(other.rowPeakIndex),
+      threadCount(other.threadCount)
 {
     spectra.reserve(other.spectra.size());
     for (const cv::Mat& s : other.spectra)
@@ -266,6 +268,15 @@ void SrFloatRegistration1::setGaussRadius(int radius)
     fft.gaussFft(radius, gaussSigma(radius), complexData(gaussSpectrum), weights.data());
     kernel.swap(weights);
     gaussRadius = radius;
+}
+
+bool SrFloatRegistration1::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    fft.setThreads(threads);
+    return true;
 }
 
 void SrFloatRegistration1::setRegErrBlurRadius(int radius)
@@ -356,8 +367,7 @@ void SrFloatRegistration1::registerFrames(int count, int refPos, float** frames,
         const float(*gauss)[2] = complexData(gaussSpectrum);
         float(*blurred)[2] = complexData(blurredSpectrum);
         const int bins = width / 2 + 1;
-        const int threads = detail::threadsForWork(static_cast<std::size_t>(spectrumSize) * kWorkPerBlurBin,
-                                                   detail::ompMaxThreads());
+        const int threads = parallel::threadsForWork(threadCount, static_cast<std::size_t>(spectrumSize) * kWorkPerBlurBin);
         forEachRow(height, threads, [&](int y) {
             for (int b = y * bins; b < (y + 1) * bins; ++b) {
                 blurred[b][0] = source[b][0] * gauss[b][0] - source[b][1] * gauss[b][1];
@@ -393,8 +403,7 @@ void SrFloatRegistration1::initialize()
 {
     const int w = width;
     const int h = height;
-    const int threads = detail::threadsForWork(static_cast<std::size_t>(inputSize) * kWorkPerGradientPixel,
-                                               detail::ompMaxThreads());
+    const int threads = parallel::threadsForWork(threadCount, static_cast<std::size_t>(inputSize) * kWorkPerGradientPixel);
     forEachRow(h, threads, [&](int y) {
         // Central differences inside, one-sided differences on the first and
         // last row and column.
@@ -441,8 +450,7 @@ void SrFloatRegistration1::spectralProducts(int refPos, int framePos)
     const float* inverseReference = inverseMagnitude(refPos);
     const float* inverseCurrent = inverseMagnitude(framePos);
     const int bins = width / 2 + 1;
-    const int threads = detail::threadsForWork(static_cast<std::size_t>(spectrumSize) * kWorkPerProductBin,
-                                               detail::ompMaxThreads());
+    const int threads = parallel::threadsForWork(threadCount, static_cast<std::size_t>(spectrumSize) * kWorkPerProductBin);
     forEachRow(height, threads, [&](int y) {
         for (int b = y * bins; b < (y + 1) * bins; ++b) {
             const float cr = current[b][0], ci = current[b][1];
@@ -466,17 +474,15 @@ void SrFloatRegistration1::spectralProducts(int refPos, int framePos)
 
 PointF SrFloatRegistration1::registerFrame(char* mask)
 {
-    const int threads = detail::threadsForWork(static_cast<std::size_t>(inputSize) * kWorkPerFlowPixel,
-                                               detail::ompMaxThreads());
+    const int threads = parallel::threadsForWork(threadCount, static_cast<std::size_t>(inputSize) * kWorkPerFlowPixel);
     regionFailure = nullptr;
     PointF result;
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    {
-        const PointI peak = phaseCorrelation();
-        const PointF shift = opticalFlow(peak, mask);
-#pragma omp master
-        result = shift;
-    }
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
+        const PointI peak = phaseCorrelation(team);
+        const PointF shift = opticalFlow(team, peak, mask);
+        if (team.isMaster())
+            result = shift;
+    });
     if (regionFailure)
         std::rethrow_exception(regionFailure);
     return result;
@@ -493,24 +499,25 @@ PointI SrFloatRegistration1::unwrapPeak(int index, int width, int height)
     return PointI(column, row);
 }
 
-PointI SrFloatRegistration1::phaseCorrelation()
+PointI SrFloatRegistration1::phaseCorrelation(const parallel::Team& team)
 {
     // Row maxima, then the rows in order: the first strictly greatest value
     // wins, as in one scan from index 0, whatever the number of threads.
-#pragma omp for schedule(static)
-    for (int y = 0; y < height; ++y) {
-        const float* row = correlation[y];
-        float best = row[0];
-        int at = 0;
-        for (int x = 1; x < width; ++x) {
-            if (row[x] > best) {
-                best = row[x];
-                at = x;
+    team.forRows(0, height, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
+            const float* row = correlation[y];
+            float best = row[0];
+            int at = 0;
+            for (int x = 1; x < width; ++x) {
+                if (row[x] > best) {
+                    best = row[x];
+                    at = x;
+                }
             }
+            rowPeakValue[static_cast<std::size_t>(y)] = best;
+            rowPeakIndex[static_cast<std::size_t>(y)] = y * width + at;
         }
-        rowPeakValue[static_cast<std::size_t>(y)] = best;
-        rowPeakIndex[static_cast<std::size_t>(y)] = y * width + at;
-    }
+    });
     float best = rowPeakValue[0];
     int index = rowPeakIndex[0];
     for (int y = 1; y < height; ++y) {
@@ -522,7 +529,7 @@ PointI SrFloatRegistration1::phaseCorrelation()
     return unwrapPeak(index, width, height);
 }
 
-PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
+PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shift, char* mask)
 {
     const int w = width;
     const int h = height;
@@ -545,8 +552,8 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
 
     // Per flow row: b = (sum gx d, sum gy d) with d = current(x + D) -
     // reference(x), and the tensor of the columns outside the flow region.
-#pragma omp for schedule(static)
-    for (int y = 0; y < h; ++y) {
+    team.forRows(0, h, [&](int begin, int end) {
+    for (int y = begin; y < end; ++y) {
         double* sums = &rowFlow[5 * static_cast<std::size_t>(y)];
         if (y < fy0 || y >= fy1) {
             std::fill(sums, sums + 5, 0.0);
@@ -567,6 +574,7 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
         sums[3] = xy;
         sums[4] = yy;
     }
+    });
 
     // Tensor of the flow region = whole-image tensor minus the excluded rows
     // and columns; every thread combines the rows in the same order.
@@ -605,23 +613,23 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
         // Normalised by the overlap's gradient energy, the error does not
         // depend on the intensity scale of the frames.
         const float invEnergy = static_cast<float>(1.0 / (a + c));
-#pragma omp for schedule(static)
-        for (int y = y0; y < y1; ++y) {
-            const float* reference = blurredReference[y];
-            const float* current = blurredCurrent[y + dy];
-            const float* gx = gradX[y];
-            const float* gy = gradY[y];
-            float* e = errorImage[y];
-            for (int x = x0; x < x1; ++x) {
-                const float r = gx[x] * uf + gy[x] * vf + (current[x + dx] - reference[x]);
-                e[x] = r * r * invEnergy;
+        team.forRows(y0, y1, [&](int begin, int end) {
+            for (int y = begin; y < end; ++y) {
+                const float* reference = blurredReference[y];
+                const float* current = blurredCurrent[y + dy];
+                const float* gx = gradX[y];
+                const float* gy = gradY[y];
+                float* e = errorImage[y];
+                for (int x = x0; x < x1; ++x) {
+                    const float r = gx[x] * uf + gy[x] * vf + (current[x + dx] - reference[x]);
+                    e[x] = r * r * invEnergy;
+                }
             }
-        }
+        });
         // The error exists on the overlap only, so the mean runs over that
         // rectangle (its window clipped at the rectangle's border, the radius
         // limited to what the rectangle holds).
-#pragma omp single
-        {
+        team.single([&] {
             try {
                 const cv::Rect overlap(x0, y0, x1 - x0, y1 - y0);
                 cv::Mat_<float> source = errorImage(overlap);
@@ -632,7 +640,7 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
             } catch (...) {
                 regionFailure = std::current_exception();
             }
-        }
+        });
         // Mask cells: the pixels of the work frame that the cut fills
         // (rounded complete shift, as shiftFrame rounds it) and for which the
         // error was measured. Their coordinates are those of the reference
@@ -648,19 +656,20 @@ PointF SrFloatRegistration1::opticalFlow(PointI shift, char* mask)
             cx1 = cx0;
     }
 
-#pragma omp for schedule(static)
-    for (int y = 0; y < h; ++y) {
-        char* m = mask + static_cast<std::size_t>(y) * w;
-        if (y < cy0 || y >= cy1 || cx0 == cx1) {
-            std::memset(m, 0, static_cast<std::size_t>(w));
-            continue;
+    team.forRows(0, h, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
+            char* m = mask + static_cast<std::size_t>(y) * w;
+            if (y < cy0 || y >= cy1 || cx0 == cx1) {
+                std::memset(m, 0, static_cast<std::size_t>(w));
+                continue;
+            }
+            const float* e = blurredError[y];
+            std::memset(m, 0, static_cast<std::size_t>(cx0));
+            for (int x = cx0; x < cx1; ++x)
+                m[x] = e[x] < regError ? 1 : 0;
+            std::memset(m + cx1, 0, static_cast<std::size_t>(w - cx1));
         }
-        const float* e = blurredError[y];
-        std::memset(m, 0, static_cast<std::size_t>(cx0));
-        for (int x = cx0; x < cx1; ++x)
-            m[x] = e[x] < regError ? 1 : 0;
-        std::memset(m + cx1, 0, static_cast<std::size_t>(w - cx1));
-    }
+    });
     return result;
 }
 

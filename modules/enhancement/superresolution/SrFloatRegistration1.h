@@ -12,6 +12,10 @@
 namespace velmor {
 namespace kro {
 
+namespace parallel {
+class Team;
+} // namespace parallel
+
 // Registration of the float super-resolution engine by phase correlation
 // and one optical-flow step.
 //
@@ -92,6 +96,15 @@ public:
     void setRegError(float error) { regError = error; }
     float getRegError() const { return regError; }
 
+    // Threads of the registration's loops and transforms: 0 (the default)
+    // takes OpenMP's default for a new parallel region, n > 0 at most n;
+    // small frames run on the calling thread. A negative count is refused
+    // (false, nothing changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last registration of a frame ran on.
+    int getLastThreadCount() const { return lastThreads; }
+
     // Radius of the mean filter that averages the residual before the
     // threshold (default 3). Throws Exception for a negative radius.
     void setRegErrBlurRadius(int radius);
@@ -149,8 +162,8 @@ private:
     // same result.
     //  - phaseCorrelation: the peak of the correlation surface as a shift;
     //  - opticalFlow: the complete shift from the integer shift, and the mask.
-    PointI phaseCorrelation();
-    PointF opticalFlow(PointI shift, char* mask);
+    PointI phaseCorrelation(const parallel::Team& team);
+    PointF opticalFlow(const parallel::Team& team, PointI shift, char* mask);
 
     void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
     void shiftFrame(float* frame, PointF& shift, float* out);
@@ -210,6 +223,8 @@ private:
     std::vector<int> rowPeakIndex;
     // An exception raised inside a parallel region, rethrown after it.
     std::exception_ptr regionFailure;
+    int threadCount = 0;
+    int lastThreads = 1;
 };
 
 } // namespace kro
