@@ -1,6 +1,7 @@
 #include "SrFloatRegistration2.h"
 
 #include <algorithm>
+#include <mutex>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -12,7 +13,7 @@
 
 #include "LogFacility.h"
 #include "SrFloatConvolution.h"
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/ShiftFrame.h"
 #include "detail/Throw.h"
 
@@ -148,7 +149,7 @@ SrFloatRegistration2::SrFloatRegistration2(const SrFloatRegistration2& other)
       cornerShifts(other.cornerShifts), flowFrames(other.flowFrames),
       flowMasks(other.flowMasks), refRowSums(other.refRowSums),
       flowRowSums(other.flowRowSums), gradientRef(other.gradientRef),
-      flowStates(other.flowStates)
+      flowStates(other.flowStates), threadCount(other.threadCount)
 {
     for (std::size_t i = 0; i < residuals.size(); ++i)
         residuals[i] = other.residuals[i].clone();
@@ -341,11 +342,26 @@ SrFloatRegistration2::Overlap SrFloatRegistration2::overlapFor(PointI shift) con
     return o;
 }
 
+namespace {
+
+// Guards the first failure of the per-frame mean filters, which run on
+// several threads at once.
+std::mutex failureMutex;
+
+} // namespace
+
+bool SrFloatRegistration2::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    return true;
+}
+
 int SrFloatRegistration2::threadsForFrames(int frames) const
 {
-    return detail::threadsForWork(static_cast<std::size_t>(size) * static_cast<std::size_t>(frames) *
-                                      kDenseOpsPerPixel,
-                                  detail::ompMaxThreads());
+    return parallel::threadsForWork(threadCount, static_cast<std::size_t>(size) *
+                                                    static_cast<std::size_t>(frames) * kDenseOpsPerPixel);
 }
 
 void SrFloatRegistration2::initialize(char** masks, int refIndex)
@@ -358,11 +374,11 @@ void SrFloatRegistration2::initialize(char** masks, int refIndex)
             KRO_THROW("null mask " << i << " passed to initialize");
 
     const int threads = threadsForFrames(1);
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    initializeSteps(masks, refIndex);
+    lastThreads = parallel::parallelRegion(
+        threads, [&](const parallel::Team& team) { initializeSteps(team, masks, refIndex); });
 }
 
-void SrFloatRegistration2::initializeSteps(char** masks, int refIndex)
+void SrFloatRegistration2::initializeSteps(const parallel::Team& team, char** masks, int refIndex)
 {
     const float* ref = blurred[refIndex].ptr<float>();
     const int w = width;
@@ -372,8 +388,8 @@ void SrFloatRegistration2::initializeSteps(char** masks, int refIndex)
     // Gradients of the blurred reference: central differences inside, one-
     // sided differences on the first and last row and column (zero along an
     // axis of length 1).
-#pragma omp for schedule(static)
-    for (int y = 0; y < h; ++y) {
+    team.forRows(0, h, [&](int begin, int end) {
+    for (int y = begin; y < end; ++y) {
         const float* r = ref + static_cast<std::size_t>(y) * w;
         float* gx = gradX.ptr<float>(y);
         float* gy = gradY.ptr<float>(y);
@@ -426,8 +442,9 @@ void SrFloatRegistration2::initializeSteps(char** masks, int refIndex)
             std::memset(masks[f] + static_cast<std::size_t>(y) * w, f == refIndex ? 1 : 0,
                         static_cast<std::size_t>(w));
     }
-#pragma omp single nowait
-    gradientRef = refIndex;
+    });
+    if (team.isMaster())
+        gradientRef = refIndex;
 }
 
 PointF SrFloatRegistration2::opticalFlow(unsigned refIndex, unsigned frame, PointI shift, char* mask)
@@ -454,22 +471,21 @@ void SrFloatRegistration2::runDenseSteps(int refIndex, char** initMasks)
 {
     stepFailure = nullptr;
     const int threads = threadsForFrames(static_cast<int>(flowFrames.size()) + (initMasks ? 1 : 0));
-#pragma omp parallel num_threads(threads) if (threads > 1)
-    {
+    lastThreads = parallel::parallelRegion(threads, [&](const parallel::Team& team) {
         if (initMasks != nullptr)
-            initializeSteps(initMasks, refIndex);
-        denseSums(refIndex);
-        denseSolve();
-        denseResiduals(refIndex);
-        denseSmooth();
+            initializeSteps(team, initMasks, refIndex);
+        denseSums(team, refIndex);
+        denseSolve(team);
+        denseResiduals(team, refIndex);
+        denseSmooth(team);
         if (!stepFailure)
-            denseMasks();
-    }
+            denseMasks(team);
+    });
     if (stepFailure)
         std::rethrow_exception(stepFailure);
 }
 
-void SrFloatRegistration2::denseSums(int refIndex)
+void SrFloatRegistration2::denseSums(const parallel::Team& team, int refIndex)
 {
     const int w = width;
     const int h = height;
@@ -481,8 +497,8 @@ void SrFloatRegistration2::denseSums(int refIndex)
     // reference, the sums of gx*It and gy*It (four interleaved partial sums
     // each, combined in a fixed order), and the gradient products of the
     // reference over the whole row minus the columns outside the overlap.
-#pragma omp for schedule(static)
-    for (int t = 0; t < frames * h; ++t) {
+    team.forRows(0, frames * h, [&](int begin, int end) {
+    for (int t = begin; t < end; ++t) {
         const int k = t / h;
         const int y = t % h;
         const int frame = flowFrames[k];
@@ -537,11 +553,12 @@ void SrFloatRegistration2::denseSums(int refIndex)
         sums[3] = (xt[0] + xt[1]) + (xt[2] + xt[3]);
         sums[4] = (yt[0] + yt[1]) + (yt[2] + yt[3]);
     }
+    });
 }
 
-void SrFloatRegistration2::denseSolve()
+void SrFloatRegistration2::denseSolve(const parallel::Team& team)
 {
-#pragma omp single
+    team.single([&] {
     for (std::size_t k = 0; k < flowFrames.size(); ++k) {
         const int frame = flowFrames[k];
         const PointI shift = cornerShifts[frame];
@@ -588,9 +605,10 @@ void SrFloatRegistration2::denseSolve()
             state.result = PointF(static_cast<float>(shift.x + dx), static_cast<float>(shift.y + dy));
         }
     }
+    });
 }
 
-void SrFloatRegistration2::denseResiduals(int refIndex)
+void SrFloatRegistration2::denseResiduals(const parallel::Team& team, int refIndex)
 {
     const int w = width;
     const int h = height;
@@ -601,8 +619,8 @@ void SrFloatRegistration2::denseResiduals(int refIndex)
     // energy of the overlap (see the class comment): independent of the
     // intensity scale, and small wherever the shifted reference explains the
     // frame.
-#pragma omp for schedule(static)
-    for (int t = 0; t < frames * h; ++t) {
+    team.forRows(0, frames * h, [&](int begin, int end) {
+    for (int t = begin; t < end; ++t) {
         const int frame = flowFrames[t / h];
         const int y = t % h;
         const FlowState& state = flowStates[frame];
@@ -623,17 +641,18 @@ void SrFloatRegistration2::denseResiduals(int refIndex)
             e[x] = v * v * invEnergy;
         }
     }
+    });
 }
 
-void SrFloatRegistration2::denseSmooth()
+void SrFloatRegistration2::denseSmooth(const parallel::Team& team)
 {
     const int frames = static_cast<int>(flowFrames.size());
     // Whole frames per thread: each mean filter is a serial pass. The mean
     // runs over the overlap alone (clipped at its edges), so pixels without
     // data never leak into it; the window shrinks when the overlap is
     // narrower than the window.
-#pragma omp for schedule(static)
-    for (int k = 0; k < frames; ++k) {
+    team.forRows(0, frames, [&](int begin, int end) {
+    for (int k = begin; k < end; ++k) {
         const int frame = flowFrames[k];
         const FlowState& state = flowStates[frame];
         if (!state.valid)
@@ -645,14 +664,15 @@ void SrFloatRegistration2::denseSmooth()
             cv::Mat_<float> roi = residuals[frame](cv::Rect(state.area.x0, state.area.y0, ow, oh));
             SrFloatConvolution::blurImageMeanFilter(roi, radius, roi);
         } catch (...) {
-#pragma omp critical(SrFloatRegistration2_failure)
+            std::lock_guard<std::mutex> lock(failureMutex);
             if (!stepFailure)
                 stepFailure = std::current_exception();
         }
     }
+    });
 }
 
-void SrFloatRegistration2::denseMasks()
+void SrFloatRegistration2::denseMasks(const parallel::Team& team)
 {
     const int w = width;
     const int h = height;
@@ -664,8 +684,8 @@ void SrFloatRegistration2::denseMasks()
     // the rounded complete shift: keep the pixels that the cut fills with
     // frame data (no run-on from the neighbouring row) and whose residual is
     // small.
-#pragma omp for schedule(static) nowait
-    for (int t = 0; t < frames * h; ++t) {
+    team.forRows(0, frames * h, [&](int begin, int end) {
+    for (int t = begin; t < end; ++t) {
         const int frame = flowFrames[t / h];
         const int y = t % h;
         const FlowState& state = flowStates[frame];
@@ -682,6 +702,7 @@ void SrFloatRegistration2::denseMasks()
         for (int x = x0; x < x1; ++x)
             m[x] = e[x] < threshold ? 1 : 0;
     }
+    }, false);
 }
 
 int SrFloatRegistration2::registerFrames(int nFrames_, int refIndex, float** const frames,

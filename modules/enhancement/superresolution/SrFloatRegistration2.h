@@ -11,6 +11,10 @@
 namespace velmor {
 namespace kro {
 
+namespace parallel {
+class Team;
+} // namespace parallel
+
 // Registration of the float super-resolution engine by tracked corners.
 //
 // For every held frame it finds the displacement against a reference frame in
@@ -135,6 +139,15 @@ public:
     void setBlurRadius(int radius) { blurRadius = radius; }
     float getRegError() const { return regError; }
     void setRegError(float error) { regError = error; }
+
+    // Threads of the registration's loops: 0 (the default) takes OpenMP's
+    // default for a new parallel region, n > 0 at most n; small frames run
+    // on the calling thread. A negative count is refused (false, nothing
+    // changed). Results never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last dense step ran on.
+    int getLastThreadCount() const { return lastThreads; }
     int getRegErrBlurRadius() const { return regErrBlurRadius; }
     void setRegErrBlurRadius(int radius) { regErrBlurRadius = radius; }
 
@@ -168,13 +181,13 @@ private:
     // sums (denseSums), the solves (denseSolve, one thread), residual images
     // (denseResiduals), their mean filters (denseSmooth, whole frames per
     // thread) and the masks (denseMasks).
-    void initializeSteps(char** masks, int refIndex);
+    void initializeSteps(const parallel::Team& team, char** masks, int refIndex);
     void runDenseSteps(int refIndex, char** initMasks);
-    void denseSums(int refIndex);
-    void denseSolve();
-    void denseResiduals(int refIndex);
-    void denseSmooth();
-    void denseMasks();
+    void denseSums(const parallel::Team& team, int refIndex);
+    void denseSolve(const parallel::Team& team);
+    void denseResiduals(const parallel::Team& team, int refIndex);
+    void denseSmooth(const parallel::Team& team);
+    void denseMasks(const parallel::Team& team);
     int threadsForFrames(int frames) const;
 
     // State of the dense step of one frame, shared by the team.
@@ -241,6 +254,8 @@ private:
     // region (rethrown after it).
     std::vector<FlowState> flowStates;
     std::exception_ptr stepFailure;
+    int threadCount = 0;
+    int lastThreads = 1;
 };
 
 } // namespace kro
