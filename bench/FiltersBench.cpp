@@ -11,9 +11,6 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
-#ifdef _OPENMP
-#include <omp.h>
-#endif
 
 #include "ClusterPatternRemover.h"
 #include "SpatialNoiseRemover.h"
@@ -27,14 +24,6 @@ constexpr int kWidth = 640;
 constexpr int kHeight = 512;
 constexpr int kFrames = 8;
 
-void setThreads(int threads)
-{
-#ifdef _OPENMP
-    omp_set_num_threads(threads);
-#else
-    (void)threads;
-#endif
-}
 
 // A slowly drifting thermal-looking scene in signed 16-bit offset binary
 // (about 3000 counts above -32768 plus a column pattern and noise), as the
@@ -68,7 +57,7 @@ const std::vector<cv::Mat_<short>>& videoFrames()
 template <class Filter>
 void runOnVideo(benchmark::State& state, Filter& filter)
 {
-    setThreads(static_cast<int>(state.range(0)));
+    filter.setThreads(static_cast<int>(state.range(0)));
     const auto& frames = videoFrames();
     cv::Mat_<short> out;
     std::size_t i = 0;
@@ -103,9 +92,9 @@ void BM_StaticPatternRemover(benchmark::State& state)
 BENCHMARK(BM_StaticPatternRemover)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // One update of the damping map plus its application, on float frames.
+// (No threads of its own: the argument only keeps the table's layout.)
 void BM_ClusterPatternRemover(benchmark::State& state)
 {
-    setThreads(static_cast<int>(state.range(0)));
     std::vector<cv::Mat_<float>> frames;
     for (const auto& f : videoFrames()) {
         cv::Mat_<float> asFloat;
@@ -128,9 +117,9 @@ void BM_ClusterPatternRemover(benchmark::State& state)
 }
 BENCHMARK(BM_ClusterPatternRemover)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
+// (Threads only inside OpenCV's blur: the argument keeps the table's layout.)
 void BM_UnsharpMask(benchmark::State& state)
 {
-    setThreads(static_cast<int>(state.range(0)));
     cv::Mat src;
     videoFrames()[0].convertTo(src, CV_32F, 1.0 / 4096.0, 8.0);
     cv::Mat dst;

@@ -21,7 +21,6 @@
 #include <chrono>
 #include <vector>
 
-#include <omp.h>
 
 #include "BurstGenerator.h"
 #include "SrFloat.h"
@@ -37,14 +36,6 @@ constexpr int kReferenceIndex = 3;  // counted back from the newest: position 1 
 constexpr int kBurstFrames = 16;
 using Clock = std::chrono::steady_clock;
 
-class ThreadCount {
-public:
-    explicit ThreadCount(int n) : saved_(omp_get_max_threads()) { omp_set_num_threads(n); }
-    ~ThreadCount() { omp_set_num_threads(saved_); }
-
-private:
-    int saved_;
-};
 
 const std::vector<cv::Mat_<float>>& burstFrames(int width, int height)
 {
@@ -74,9 +65,9 @@ void BM_ComputeSR(benchmark::State& state)
 {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
-    ThreadCount threads(static_cast<int>(state.range(2)));
     const std::vector<cv::Mat_<float>>& frames = burstFrames(width, height);
     SrFloat<Registration> engine(width, height, kWindow, 2.0f);
+    engine.setThreads(static_cast<int>(state.range(2)));
     applyCInterfaceSettings(engine);
     std::vector<float> out(static_cast<std::size_t>(engine.getOutputSize()));
     int next = 0;

@@ -11,7 +11,6 @@
 // gain over one-threaded FFTW.
 #include <benchmark/benchmark.h>
 
-#include <omp.h>
 
 #include <chrono>
 #include <cstring>
@@ -80,10 +79,8 @@ void BM_SrFloatFftPair(benchmark::State& state)
     const std::size_t offset = std::size_t(state.range(3));
     const std::size_t pixels = std::size_t(width) * height;
     const std::size_t bins = std::size_t(width / 2 + 1) * height;
-    const int savedThreads = omp_get_max_threads();
-    omp_set_num_threads(threads);
-
     SrFloatFft2d fft(width, height);
+    fft.setThreads(threads);
     FftwBuffer<float> imageStore = velmor::kro::detail::allocateFloats(pixels + 16);
     FftwBuffer<float> spectrumStore = velmor::kro::detail::allocateFloats(2 * bins + 32);
     float* image = imageStore.get() + offset;
@@ -121,7 +118,6 @@ void BM_SrFloatFftPair(benchmark::State& state)
         }
         benchmark::DoNotOptimize(image);
     }
-    omp_set_num_threads(savedThreads);
 
     const double n = double(state.iterations());
     state.counters["ms_pair"] = 1e3 * ours / n;
@@ -162,9 +158,8 @@ void BM_RepairGaussBlur(benchmark::State& state)
 {
     const int width = int(state.range(0));
     const int height = int(state.range(1));
-    const int savedThreads = omp_get_max_threads();
-    omp_set_num_threads(int(state.range(2)));
     SrFloatFft2d fft(width, height);
+    fft.setThreads(int(state.range(2)));
     FftwBuffer<fftwf_complex> spectrum =
         velmor::kro::detail::allocateComplex(std::size_t(width / 2 + 1) * height);
     FftwBuffer<float> image = velmor::kro::detail::allocateFloats(std::size_t(width) * height);
@@ -177,7 +172,6 @@ void BM_RepairGaussBlur(benchmark::State& state)
         fft.repairGaussBlur(image.get(), blurred.get(), 5, kernel);
         benchmark::DoNotOptimize(blurred.get());
     }
-    omp_set_num_threads(savedThreads);
 }
 BENCHMARK(BM_RepairGaussBlur)
     ->ArgNames({"w", "h", "threads"})

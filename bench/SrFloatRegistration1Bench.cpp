@@ -12,7 +12,6 @@
 // BM_Registration1Prepare: prepareFrame (one forward transform) per frame.
 #include <benchmark/benchmark.h>
 
-#include <omp.h>
 
 #include <chrono>
 #include <cmath>
@@ -57,11 +56,9 @@ void BM_Registration1Window(benchmark::State& state)
 {
     const int width = int(state.range(0));
     const int height = int(state.range(1));
-    const int savedThreads = omp_get_max_threads();
-    omp_set_num_threads(int(state.range(2)));
-
     std::vector<cv::Mat_<float>> frames = makeWindow(width, height);
     SrFloatRegistration1 registration(width, height, kWindow);
+    registration.setThreads(int(state.range(2)));
     std::vector<cv::Mat_<float>> work(kWindow, cv::Mat_<float>(height, width));
     std::vector<std::vector<char>> masks(kWindow, std::vector<char>(std::size_t(width) * height));
     std::vector<float*> framePtrs, workPtrs;
@@ -76,6 +73,7 @@ void BM_Registration1Window(benchmark::State& state)
     std::vector<PointF> shifts(kWindow);
 
     SrFloatFft2d fft(width, height);
+    fft.setThreads(int(state.range(2)));
     cv::Mat spectrum(height, width / 2 + 1, CV_32FC2);
     cv::Mat_<float> image = frames[0].clone();
     auto* spectrumData = reinterpret_cast<float(*)[2]>(spectrum.ptr<float>());
@@ -94,7 +92,6 @@ void BM_Registration1Window(benchmark::State& state)
         backward += secondsOf(start);
         benchmark::DoNotOptimize(workPtrs.data());
     }
-    omp_set_num_threads(savedThreads);
 
     const double n = double(state.iterations());
     state.counters["ms_window"] = 1e3 * ours / n;
@@ -118,16 +115,14 @@ void BM_Registration1Prepare(benchmark::State& state)
 {
     const int width = int(state.range(0));
     const int height = int(state.range(1));
-    const int savedThreads = omp_get_max_threads();
-    omp_set_num_threads(int(state.range(2)));
     std::vector<cv::Mat_<float>> frames = makeWindow(width, height);
     SrFloatRegistration1 registration(width, height, kWindow);
+    registration.setThreads(int(state.range(2)));
     int next = 0;
     for (auto _ : state) {
         registration.prepareFrame(frames[std::size_t(next)].ptr<float>());
         next = (next + 1) % kWindow;
     }
-    omp_set_num_threads(savedThreads);
 }
 BENCHMARK(BM_Registration1Prepare)
     ->ArgNames({"w", "h", "threads"})

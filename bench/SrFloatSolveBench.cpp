@@ -11,12 +11,12 @@
 
 #include <vector>
 
-#include <omp.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "SrFloatConvolution.h"
 #include "SrFloatMinimization.h"
+#include "detail/Parallel.h"
 
 namespace velmor {
 namespace kro {
@@ -32,7 +32,10 @@ public:
     std::vector<float> psfX(int i) const { return m_.psfX[i]; }
     std::vector<float> psfY(int i) const { return m_.psfY[i]; }
     std::vector<float>& U() { return m_.U; }
-    void computeL() { m_.computeL(); }
+    void computeL()
+    {
+        parallel::parallelRegion(1, [&](const parallel::Team& team) { m_.computeL(team); });
+    }
     void gradient(float* x, std::vector<char*>& masks, float* out)
     {
         m_.gradient(x, static_cast<int>(masks.size()), masks.data(), out);
@@ -46,15 +49,6 @@ namespace {
 
 constexpr int kFrames = 5;
 
-// Sets the thread count for one benchmark and restores it afterwards.
-class ThreadCount {
-public:
-    explicit ThreadCount(int n) : saved_(omp_get_max_threads()) { omp_set_num_threads(n); }
-    ~ThreadCount() { omp_set_num_threads(saved_); }
-
-private:
-    int saved_;
-};
 
 // Five frames made with the model itself from a scene with edges and blobs,
 // sub-pixel shifts and a little sensor noise (which keeps the CG from
@@ -106,8 +100,8 @@ void BM_FullConvFromSparse(benchmark::State& state)
 {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
-    ThreadCount threads(static_cast<int>(state.range(2)));
     SrFloatConvolution conv(2 * width, 2 * height, 6, 6, 2.0f);
+    conv.setThreads(static_cast<int>(state.range(2)));
     std::vector<float> sparse(static_cast<size_t>(width) * height, 1.5f);
     std::vector<char> mask(sparse.size(), 1);
     std::vector<float> psf = {0.0f, 0.1f, 0.4f, 0.4f, 0.1f, 0.0f};
@@ -123,8 +117,8 @@ void BM_ValidCorrToSparse(benchmark::State& state)
 {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
-    ThreadCount threads(static_cast<int>(state.range(2)));
     SrFloatConvolution conv(2 * width, 2 * height, 6, 6, 2.0f);
+    conv.setThreads(static_cast<int>(state.range(2)));
     std::vector<float> full(static_cast<size_t>(conv.getFullWidth()) * conv.getFullHeight(), 2.0f);
     std::vector<float> psf = {0.0f, 0.1f, 0.4f, 0.4f, 0.1f, 0.0f};
     std::vector<float> sparse(static_cast<size_t>(width) * height);
@@ -136,15 +130,15 @@ void BM_ValidCorrToSparse(benchmark::State& state)
 }
 
 // One application of (sum_i A_i^T M_i A_i + L) for five frames (called on
-// its own it opens its own parallel region; inside minimize() it shares the
-// solve's region).
+// its own it opens its own parallel region; inside minimize() the steps
+// share the solve's region).
 void BM_Operator(benchmark::State& state)
 {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
-    ThreadCount threads(static_cast<int>(state.range(2)));
     FrameSet set(width, height);
     SrFloatMinimization m(width, height, kFrames, 2.0f);
+    m.setThreads(static_cast<int>(state.range(2)));
     SrFloatMinimizationPeer peer(m);
     peer.generatePsfs(set.shifts);
     cv::RNG rng(3);
@@ -166,9 +160,9 @@ void BM_Minimize(benchmark::State& state)
 {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
-    ThreadCount threads(static_cast<int>(state.range(2)));
     const FrameSet set(width, height);
     SrFloatMinimization m(width, height, kFrames, 2.0f);
+    m.setThreads(static_cast<int>(state.range(2)));
     std::vector<std::vector<float>> frames = set.frames;
     std::vector<float*> framePointers;
     for (auto& f : frames)

@@ -49,7 +49,6 @@
 #include <string>
 #include <vector>
 
-#include <omp.h>
 #include <opencv2/core.hpp>
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -180,11 +179,15 @@ EngineSettings tunedSettings()
     return s;
 }
 
+// Threads every engine of this run gets (--threads).
+int engineThreads = 2;
+
 template <typename Registration>
 Output runEngine(const EngineSettings& s, const krotools::Burst& burst, bool steady)
 {
     const cv::Size low = burst.frames[0].size();
     SrFloat<Registration> engine(low.width, low.height, kWindow, 2.0f);
+    engine.setThreads(engineThreads);
     engine.setReferenceIndex(kReferenceIndex);
     engine.setWeightTV(s.weightTV);
     engine.setRegError(s.regError);
@@ -521,7 +524,7 @@ int main(int argc, char** argv)
 {
     try {
         const Options options = parse(argc, argv);
-        omp_set_num_threads(options.threads);
+        engineThreads = options.threads;
         cv::setNumThreads(options.threads);
         if (options.tune) {
             tune();

@@ -6,10 +6,6 @@
 
 #include <cstdint>
 
-#ifdef _OPENMP
-#include <omp.h>
-#endif
-
 namespace krotest {
 
 // The value of v as a 32-bit two's-complement register would hold it.
@@ -43,30 +39,5 @@ inline std::int64_t floorShift(std::int64_t v, int n)
 }
 
 inline std::int64_t absolute(std::int64_t v) { return v < 0 ? -v : v; }
-
-// Sets the OpenMP thread count for its lifetime (tests compare 1 and 2).
-class ThreadCount {
-public:
-    explicit ThreadCount(int threads)
-    {
-#ifdef _OPENMP
-        previous_ = omp_get_max_threads();
-        omp_set_num_threads(threads);
-#else
-        (void)threads;
-#endif
-    }
-    ~ThreadCount()
-    {
-#ifdef _OPENMP
-        omp_set_num_threads(previous_);
-#endif
-    }
-    ThreadCount(const ThreadCount&) = delete;
-    ThreadCount& operator=(const ThreadCount&) = delete;
-
-private:
-    int previous_ = 1;
-};
 
 } // namespace krotest

@@ -294,6 +294,17 @@ void SrFloat<Registration>::setDataIsNUC(bool isNUC)
     badPixels.setDataIsNUC(isNUC);
 }
 
+template <typename Registration>
+void SrFloat<Registration>::setThreads(int threads)
+{
+    if (threads < 0)
+        throw "Invalid thread count specified.";
+    registration.setThreads(threads);
+    minimization.setThreads(threads);
+    badPixels.setThreads(threads);
+    threadCount = threads;
+}
+
 template class SrFloat<SrFloatRegistration1>;
 template class SrFloat<SrFloatRegistration2>;
 

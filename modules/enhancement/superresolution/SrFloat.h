@@ -103,6 +103,11 @@ public:
     void setWeightTV(float weight);              // >= 1
     void setMinStructureThreshold(float threshold);
     void setDataIsNUC(bool isNUC);
+    // Threads of every inner loop (registration, bad-pixel detection,
+    // minimisation): 0 (the default) takes OpenMP's default for a new
+    // parallel region, n > 0 at most n. Results never depend on it.
+    void setThreads(int threads);                // >= 0
+    int getThreads() const { return threadCount; }
 
     // Wall-clock milliseconds that the last computeSR spent in the
     // registration and in the minimisation (0 for a step that did not run,
@@ -134,6 +139,7 @@ private:
     float magnification;
     int referenceIndex = 0;
     float minStructureThreshold = 2.0f;
+    int threadCount = 0;
 
     // Frame storage, oldest first. Rotation swaps whole buffers, so the ring
     // costs no copy; the raw pointer tables below are refreshed before each

@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-#include "detail/OmpHelpers.h"
+#include "detail/Parallel.h"
 #include "detail/SparseConvRows.h"
 #include "detail/Throw.h"
 
@@ -177,7 +177,7 @@ void stencilRow(const TvWeights& L, const float* x, int r, int W, float* out)
     // out never overlaps x or the weights; with nine arrays the compiler
     // cannot prove it by itself and would not vectorise. Each element keeps
     // its own order of operations.
-#pragma omp simd
+#pragma GCC ivdep
     for (int c = 1; c < W - 1; ++c) {
         const std::size_t p = p0 + c;
         float sum = L.Lr[p] + L.Ld[p] + L.Ldl[p] + L.Ldr[p];
@@ -243,7 +243,7 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
 
     // Per thread: one full row in phase layout, one low-resolution row, and
     // a ring of psfSize horizontally filtered rows per frame.
-    threadCapacity = detail::ompThreadCapacity();
+    threadCapacity = parallel::threadCapacity(threadCount);
     threadWorkStride = phaseRowFloats() + paddedRowFloats() +
                        static_cast<std::size_t>(nFrames) * psfSize * roundUp16(width);
     threadWork.assign(threadWorkStride * threadCapacity, 0.0f);
@@ -255,6 +255,21 @@ SrFloatMinimization::SrFloatMinimization(int width_, int height_, int nFrames_, 
 }
 
 SrFloatMinimization::~SrFloatMinimization() = default;
+
+bool SrFloatMinimization::setThreads(int threads)
+{
+    if (threads < 0)
+        return false;
+    threadCount = threads;
+    // The per-thread work rows grow here, never during a solve.
+    const int capacity = parallel::threadCapacity(threads);
+    if (capacity > threadCapacity) {
+        threadWork.assign(threadWorkStride * static_cast<std::size_t>(capacity), 0.0f);
+        ringRows.assign(static_cast<std::size_t>(psfSize) * capacity, -1);
+        threadCapacity = capacity;
+    }
+    return true;
+}
 
 void SrFloatMinimization::setPsfSigma(float sigma_)
 {
@@ -314,7 +329,7 @@ void SrFloatMinimization::generatePsfs(int nFrames_, PointF* const shifts)
     }
 }
 
-void SrFloatMinimization::computeL()
+void SrFloatMinimization::computeL(const parallel::Team& team)
 {
     const int W = fullWidth;
     const int H = fullHeight;
@@ -327,8 +342,8 @@ void SrFloatMinimization::computeL()
     // Weights to the right, lower, lower-right and lower-left neighbour; 0
     // where the neighbour lies outside the grid. The centre weight is formed
     // where it is used (centreWeight).
-#pragma omp for schedule(static)
-    for (int y = 0; y < H; ++y) {
+    team.forRows(0, H, [&](int begin, int end) {
+    for (int y = begin; y < end; ++y) {
         const std::size_t p0 = static_cast<std::size_t>(y) * W;
         const float* u = U.data() + p0;
         float* lr = Lr.data() + p0;
@@ -354,6 +369,7 @@ void SrFloatMinimization::computeL()
         for (int x = 1; x < W; ++x)
             ldl[x] = halfW / clampD(std::fabs(below[x - 1] - u[x]) * kInvSqrt2);
     }
+    });
 }
 
 float SrFloatMinimization::centreWeightAt(int x, int y) const
@@ -362,13 +378,13 @@ float SrFloatMinimization::centreWeightAt(int x, int y) const
     return centreWeight(L, static_cast<std::size_t>(y) * fullWidth + x, x, fullWidth, y > 0);
 }
 
-void SrFloatMinimization::predictFrames(const float* x, int nFrames_, char** masks)
+void SrFloatMinimization::predictFrames(const parallel::Team& team, const float* x, int nFrames_, char** masks)
 {
     // Each thread owns a band of low-resolution rows. Row i needs the
     // horizontally filtered full rows 2i .. 2i + psfSize - 1; a ring of
     // psfSize filtered rows per frame keeps the ones still needed, so each
     // full row is read once per band for all frames.
-    const int t = detail::ompThreadNum();
+    const int t = team.index();
     float* work = threadWork.data() + threadWorkStride * t;
     float* phases = work;
     const std::size_t lowStride = roundUp16(width);
@@ -380,8 +396,8 @@ void SrFloatMinimization::predictFrames(const float* x, int nFrames_, char** mas
     };
     const std::size_t frameSize = static_cast<std::size_t>(width) * height;
 
-#pragma omp for schedule(static)
-    for (int i = 0; i < height; ++i) {
+    team.forRows(0, height, [&](int begin, int end) {
+    for (int i = begin; i < end; ++i) {
         for (int k = 0; k < psfSize; ++k) {
             const int r = 2 * i + k;
             const int slot = r % psfSize;
@@ -409,13 +425,14 @@ void SrFloatMinimization::predictFrames(const float* x, int nFrames_, char** mas
                 low[j] = static_cast<float>(mask[j]) * low[j];
         }
     }
+    });
 }
 
-void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
+void SrFloatMinimization::finishRows(const parallel::Team& team, const float* x, int nFrames_, char** masks,
                                      const float* const* sources, float* out, RowFinish finish)
 {
     const int W = fullWidth;
-    const int t = detail::ompThreadNum();
+    const int t = team.index();
     float* work = threadWork.data() + threadWorkStride * t;
     float* phases = work;
     // One low-resolution row with kRowPad zeros on each side.
@@ -425,8 +442,8 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
     const std::size_t frameSize = static_cast<std::size_t>(width) * height;
     const TvWeights L{Lr.data(), Ld.data(), Ldl.data(), Ldr.data()};
 
-#pragma omp for schedule(static)
-    for (int r = 0; r < fullHeight; ++r) {
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+    for (int r = begin; r < end; ++r) {
         const std::size_t p0 = static_cast<std::size_t>(r) * W;
         float* o = out + p0;
         // The row is accumulated in phase layout (see detail/SparseConvRows.h)
@@ -498,148 +515,146 @@ void SrFloatMinimization::finishRows(const float* x, int nFrames_, char** masks,
             break;
         }
     }
+    });
 }
 
-void SrFloatMinimization::applyOperator(const float* x, int nFrames_, char** masks, float* out,
-                                        RowFinish finish)
+void SrFloatMinimization::applyOperator(const parallel::Team& team, const float* x, int nFrames_, char** masks,
+                                        float* out, RowFinish finish)
 {
     // The frames are interleaved row by row in the fused passes, so the
     // per-frame traces are sent up front.
-    masterTrace("start gradient");
+    masterTrace(team, "start gradient");
     for (int f = 0; f < nFrames_; ++f)
-        masterTraceValue("gradient for frame: ", f);
-    predictFrames(x, nFrames_, masks);
-    finishRows(x, nFrames_, masks, nullptr, out, finish);
+        masterTraceValue(team, "gradient for frame: ", f);
+    predictFrames(team, x, nFrames_, masks);
+    finishRows(team, x, nFrames_, masks, nullptr, out, finish);
 }
 
 void SrFloatMinimization::gradient(float* const x, int nFrames_, char** masks, float* out)
 {
-    if (detail::ompInParallel()) {
-        applyOperator(x, nFrames_, masks, out, RowFinish::None);
-        return;
-    }
-    // Called on its own: share the passes among a team of our own.
+    // The passes are shared among a team of our own.
     traceFailure = nullptr;
-    const int nThreads = regionThreads();
-#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
-    applyOperator(x, nFrames_, masks, out, RowFinish::None);
+    lastThreads = parallel::parallelRegion(regionThreads(), [&](const parallel::Team& team) {
+        applyOperator(team, x, nFrames_, masks, out, RowFinish::None);
+    });
     if (traceFailure)
         std::rethrow_exception(traceFailure);
 }
 
-int SrFloatMinimization::conjugateGradients(int nFrames_, char** masks, int maxSmall)
+int SrFloatMinimization::conjugateGradients(const parallel::Team& team, int nFrames_, char** masks, int maxSmall)
 {
     // With no step allowed the large iteration can only report 0 and leaves
     // U untouched, so the weights and the first residual are not computed.
     if (maxSmall <= 0)
         return 0;
 
-    computeL();
-    applyOperator(U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
+    computeL(team);
+    applyOperator(team, U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
     // Every thread forms the same sum (same terms, same order) after the
     // operator's closing barrier; the member is written once for iteration().
-    const float rrStart = static_cast<float>(detail::sumInOrder(rowSums.data(), fullHeight));
-#pragma omp master
-    rr = rrStart;
+    const float rrStart = static_cast<float>(parallel::sumInOrder(rowSums.data(), fullHeight));
+    if (team.isMaster())
+        rr = rrStart;
 
     if (relRes * relRes > invNormB2 * rrStart)
         return 0;
     for (int k = 0; k < maxSmall; ++k) {
-        masterTraceValue("start small iteration: ", k);
-        if (iteration(k, nFrames_, masks)) {
-            masterTraceValue("abort small iteration: ", k);
+        masterTraceValue(team, "start small iteration: ", k);
+        if (iteration(team, k, nFrames_, masks)) {
+            masterTraceValue(team, "abort small iteration: ", k);
             return k + 1;
         }
-        masterTraceValue("end small iteration: ", k);
+        masterTraceValue(team, "end small iteration: ", k);
     }
     return maxSmall;
 }
 
-bool SrFloatMinimization::iteration(int /*k*/, int nFrames_, char** masks)
+bool SrFloatMinimization::iteration(const parallel::Team& team, int /*k*/, int nFrames_, char** masks)
 {
     // Shared scalars are formed by every thread from the row sums after a
     // barrier (identical values, no extra synchronisation); the two sums of a
     // step go to different buffers so that one pass never overwrites row sums
     // that a slower thread is still adding up. rr is read by all threads here
     // and rewritten by the master only after the last barrier of the step.
-    applyOperator(S.data(), nFrames_, masks, Q.data(), RowFinish::DotWithInput);
-    const float alpha = static_cast<float>(rr / detail::sumInOrder(rowSums.data(), fullHeight));
+    applyOperator(team, S.data(), nFrames_, masks, Q.data(), RowFinish::DotWithInput);
+    const float alpha = static_cast<float>(rr / parallel::sumInOrder(rowSums.data(), fullHeight));
 
     const int W = fullWidth;
-#pragma omp for schedule(static)
-    for (int r = 0; r < fullHeight; ++r) {
-        const std::size_t p0 = static_cast<std::size_t>(r) * W;
-        float* res = R.data() + p0;
-        const float* q = Q.data() + p0;
-        for (int c = 0; c < W; ++c)
-            res[c] = res[c] - alpha * q[c];
-        residualRowSums[r] = rowDot(res, res, W);
-    }
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+        for (int r = begin; r < end; ++r) {
+            const std::size_t p0 = static_cast<std::size_t>(r) * W;
+            float* res = R.data() + p0;
+            const float* q = Q.data() + p0;
+            for (int c = 0; c < W; ++c)
+                res[c] = res[c] - alpha * q[c];
+            residualRowSums[r] = rowDot(res, res, W);
+        }
+    });
 
-    const double rrNew = detail::sumInOrder(residualRowSums.data(), fullHeight);
+    const double rrNew = parallel::sumInOrder(residualRowSums.data(), fullHeight);
     const bool converged = relRes * relRes > invNormB2 * rrNew;
     const float beta = static_cast<float>(rrNew / rr);
 
     // U = U + alpha * S is done here, in the same pass as the new search
     // direction; nothing in between reads U.
-#pragma omp for schedule(static)
-    for (int r = 0; r < fullHeight; ++r) {
-        const std::size_t p0 = static_cast<std::size_t>(r) * W;
-        float* u = U.data() + p0;
-        float* s = S.data() + p0;
-        const float* res = R.data() + p0;
-        if (converged) {
-            for (int c = 0; c < W; ++c)
-                u[c] = u[c] + alpha * s[c];
-        } else {
-            for (int c = 0; c < W; ++c) {
-                u[c] = u[c] + alpha * s[c];
-                s[c] = s[c] * beta + res[c];
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+        for (int r = begin; r < end; ++r) {
+            const std::size_t p0 = static_cast<std::size_t>(r) * W;
+            float* u = U.data() + p0;
+            float* s = S.data() + p0;
+            const float* res = R.data() + p0;
+            if (converged) {
+                for (int c = 0; c < W; ++c)
+                    u[c] = u[c] + alpha * s[c];
+            } else {
+                for (int c = 0; c < W; ++c) {
+                    u[c] = u[c] + alpha * s[c];
+                    s[c] = s[c] * beta + res[c];
+                }
             }
         }
-    }
+    });
     // On convergence S and rr stay as they are.
-    if (!converged) {
-#pragma omp master
+    if (!converged && team.isMaster())
         rr = static_cast<float>(rrNew);
-    }
     return converged;
 }
 
-void SrFloatMinimization::normalizeFrames(int nFrames_, int refIndex, float** const frames)
+void SrFloatMinimization::normalizeFrames(const parallel::Team& team, int nFrames_, int refIndex,
+                                          float** const frames)
 {
     const float* ref = frames[refIndex];
     const double count = static_cast<double>(width) * height;
-#pragma omp for schedule(static)
-    for (int y = 0; y < height; ++y)
-        rowSums[y] = rowSum(ref + static_cast<std::size_t>(y) * width, width);
-#pragma omp single
-    refMean = detail::sumInOrder(rowSums.data(), height) / count;
+    team.forRows(0, height, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y)
+            rowSums[y] = rowSum(ref + static_cast<std::size_t>(y) * width, width);
+    });
+    team.single([&] { refMean = parallel::sumInOrder(rowSums.data(), height) / count; });
 
     const double m = refMean;
-#pragma omp for schedule(static)
-    for (int y = 0; y < height; ++y)
-        rowSums[y] = rowSquaredDeviation(ref + static_cast<std::size_t>(y) * width, width, m);
-#pragma omp single
-    {
-        sigma = std::sqrt(static_cast<float>(detail::sumInOrder(rowSums.data(), height) / count));
+    team.forRows(0, height, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y)
+            rowSums[y] = rowSquaredDeviation(ref + static_cast<std::size_t>(y) * width, width, m);
+    });
+    team.single([&] {
+        sigma = std::sqrt(static_cast<float>(parallel::sumInOrder(rowSums.data(), height) / count));
         mean = static_cast<float>(refMean);
-    }
+    });
 
     const float mu = mean;
     const float sd = sigma;
-#pragma omp for schedule(static)
-    for (int row = 0; row < nFrames_ * height; ++row) {
-        float* p = frames[row / height] + static_cast<std::size_t>(row % height) * width;
-        for (int x = 0; x < width; ++x)
-            p[x] = (p[x] - mu) / sd;
-    }
+    team.forRows(0, nFrames_ * height, [&](int begin, int end) {
+        for (int row = begin; row < end; ++row) {
+            float* p = frames[row / height] + static_cast<std::size_t>(row % height) * width;
+            for (int x = 0; x < width; ++x)
+                p[x] = (p[x] - mu) / sd;
+        }
+    });
 }
 
-void SrFloatMinimization::masterTrace(const char* text)
+void SrFloatMinimization::masterTrace(const parallel::Team& team, const char* text)
 {
-#pragma omp master
-    {
+    if (team.isMaster()) {
         try {
             trace(text);
         } catch (...) {
@@ -649,10 +664,9 @@ void SrFloatMinimization::masterTrace(const char* text)
     }
 }
 
-void SrFloatMinimization::masterTraceValue(const char* text, int value)
+void SrFloatMinimization::masterTraceValue(const parallel::Team& team, const char* text, int value)
 {
-#pragma omp master
-    {
+    if (team.isMaster()) {
         try {
             if (isDebugActive(kDebugLevelTrace))
                 send(text + std::to_string(value), kDebugLevelTrace);
@@ -677,7 +691,7 @@ int SrFloatMinimization::regionThreads() const
 {
     if (fullSize < kMinParallelFullSize)
         return 1;
-    return std::max(1, std::min(detail::ompMaxThreads(), threadCapacity));
+    return std::max(1, std::min(parallel::resolveThreads(threadCount), threadCapacity));
 }
 
 int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const frames,
@@ -705,14 +719,12 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
 
     // One parallel region for the whole solve: the steps share their loops
     // among the team, so the threads are woken once per call.
-#pragma omp parallel num_threads(nThreads) if (nThreads > 1)
-    {
-        normalizeFrames(nFrames_, refIndex, frames);
+    lastThreads = parallel::parallelRegion(nThreads, [&](const parallel::Team& team) {
+        normalizeFrames(team, nFrames_, refIndex, frames);
 
         // B = sum of the back-projected frames, U = B, and 1/||B||^2.
-        finishRows(nullptr, nFrames_, masks, frames, B.data(), RowFinish::BackProjection);
-#pragma omp single
-        invNormB2 = static_cast<float>(1.0 / detail::sumInOrder(rowSums.data(), fullHeight));
+        finishRows(team, nullptr, nFrames_, masks, frames, B.data(), RowFinish::BackProjection);
+        team.single([&] { invNormB2 = static_cast<float>(1.0 / parallel::sumInOrder(rowSums.data(), fullHeight)); });
 
         // maxIter bounds both the large iterations and the total of small ones.
         int total = 0;
@@ -720,26 +732,26 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
             int large = 0;
             int k = 0;
             do {
-                masterTraceValue("start large iteration: ", large);
-                k = conjugateGradients(nFrames_, masks, maxIter - total);
+                masterTraceValue(team, "start large iteration: ", large);
+                k = conjugateGradients(team, nFrames_, masks, maxIter - total);
                 total += k;
-                masterTraceValue("end large iteration: ", large);
+                masterTraceValue(team, "end large iteration: ", large);
             } while (k != 0 && ++large < maxIter);
         }
-#pragma omp single
-        totalIterations = total;
-        masterTraceValue("cummulated iterations ", total);
+        team.single([&] { totalIterations = total; });
+        masterTraceValue(team, "cummulated iterations ", total);
 
         const float mu = mean;
         const float sd = sigma;
-#pragma omp for schedule(static)
-        for (int y = 0; y < outHeight; ++y) {
-            const float* u = U.data() + static_cast<std::size_t>(y + o) * fullWidth + o;
-            float* dst = output + static_cast<std::size_t>(y) * outWidth;
-            for (int x = 0; x < outWidth; ++x)
-                dst[x] = u[x] * sd + mu;
-        }
-    }
+        team.forRows(0, outHeight, [&](int begin, int end) {
+            for (int y = begin; y < end; ++y) {
+                const float* u = U.data() + static_cast<std::size_t>(y + o) * fullWidth + o;
+                float* dst = output + static_cast<std::size_t>(y) * outWidth;
+                for (int x = 0; x < outWidth; ++x)
+                    dst[x] = u[x] * sd + mu;
+            }
+        });
+    });
 
     if (traceFailure)
         std::rethrow_exception(traceFailure);

@@ -12,6 +12,10 @@
 namespace velmor {
 namespace kro {
 
+namespace parallel {
+class Team;
+} // namespace parallel
+
 // Solves for the super-resolved image of the float engine.
 //
 // Given nFrames registered low-resolution frames f_i (width x height), their
@@ -96,6 +100,15 @@ public:
     float getRelRes() const { return relRes; }
     int getMaxIter() const { return maxIter; }
 
+    // Threads of a solve: 0 (the default) takes OpenMP's default for a new
+    // parallel region, n > 0 at most n; small grids run on the calling
+    // thread. A negative count is refused (false, nothing changed). Results
+    // never depend on it.
+    bool setThreads(int threads);
+    int getThreads() const { return threadCount; }
+    // Threads the last solve (or gradient) ran on.
+    int getLastThreadCount() const { return lastThreads; }
+
     int getWidth() const { return width; }
     int getHeight() const { return height; }
     int getFrameCapacity() const { return nFrames; }
@@ -121,42 +134,43 @@ private:
     // psfX[i], psfY[i] for frames i < nFrames from basePsf and the shifts.
     void generatePsfs(int nFrames, PointF* const shifts);
     // TV weights Lr, Ld, Ldl, Ldr from the current estimate U.
-    void computeL();
+    void computeL(const parallel::Team& team);
     // The centre weight Lc at (x, y) of the full grid: minus the sum of the
     // eight neighbour weights. It is not stored: the operator forms it from
     // the neighbour weights it reads anyway (same terms, same order).
     float centreWeightAt(int x, int y) const;
     // out = (sum_i A_i^T M_i A_i + L) x on the full grid, with the weights of
-    // the last computeL() and the PSFs of the last generatePsfs(). Shares the
-    // enclosing team inside a parallel region, opens its own otherwise.
+    // the last computeL() and the PSFs of the last generatePsfs(), on a team
+    // of its own.
     void gradient(float* const x, int nFrames, char** masks, float* out);
     // One large iteration: CG on the frozen L from the current U, at most
     // maxSmall steps; returns the number of steps taken (0 when the first
     // residual already meets the residue).
-    int conjugateGradients(int nFrames, char** masks, int maxSmall);
+    int conjugateGradients(const parallel::Team& team, int nFrames, char** masks, int maxSmall);
     // One CG step; true when converged.
-    bool iteration(int k, int nFrames, char** masks);
+    bool iteration(const parallel::Team& team, int k, int nFrames, char** masks);
 
     // The steps below run inside minimize's one parallel region: every
-    // thread of the team calls them and they share the work through orphaned
-    // work-sharing loops (called outside a region they run serially). Shared
-    // scalars are written by one thread inside `single` blocks.
+    // thread of the team calls them and they share the work through the
+    // team's loops. Shared scalars are written by the master inside
+    // `single` blocks.
 
     // The operator in two fused passes: predictFrames (the model for every
     // frame, weighted by its mask, into lowBuffer) and finishRows (TV term
     // plus back-projection, row by row, with `finish` applied to each
     // finished row).
-    void applyOperator(const float* x, int nFrames, char** masks, float* out, RowFinish finish);
-    void predictFrames(const float* x, int nFrames, char** masks);
+    void applyOperator(const parallel::Team& team, const float* x, int nFrames, char** masks, float* out,
+                       RowFinish finish);
+    void predictFrames(const parallel::Team& team, const float* x, int nFrames, char** masks);
     // `sources`: the low-resolution images to back-project (the frames for
     // BackProjection; null for lowBuffer's predictions).
-    void finishRows(const float* x, int nFrames, char** masks, const float* const* sources,
-                    float* out, RowFinish finish);
-    void normalizeFrames(int nFrames, int refIndex, float** const frames);
+    void finishRows(const parallel::Team& team, const float* x, int nFrames, char** masks,
+                    const float* const* sources, float* out, RowFinish finish);
+    void normalizeFrames(const parallel::Team& team, int nFrames, int refIndex, float** const frames);
     // Trace from the team's master thread; a failing debug device is
     // remembered and rethrown after the parallel region.
-    void masterTrace(const char* text);
-    void masterTraceValue(const char* text, int value);
+    void masterTrace(const parallel::Team& team, const char* text);
+    void masterTraceValue(const parallel::Team& team, const char* text, int value);
     int regionThreads() const;
     // Layout of a thread's work floats: a full row in phase layout, a padded
     // low-resolution row, then the ring of filtered rows.
@@ -221,6 +235,8 @@ private:
     std::vector<double> residualRowSums;
     // Per-thread work rows of the fused passes, and the row held by each slot
     // of a thread's ring of horizontally filtered rows.
+    int threadCount = 0;
+    int lastThreads = 1;
     int threadCapacity;
     std::size_t threadWorkStride;
     std::vector<float> threadWork;

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <omp.h>
 #include <opencv2/imgproc.hpp>
 
 #include "DebugChannel.h"
@@ -15,6 +14,7 @@
 #include "ShiftedFrames.h"
 #include "SrFloatConvolution.h"
 #include "SrFloatMinimization.h"
+#include "detail/Parallel.h"
 #include "TestImages.h"
 
 namespace velmor {
@@ -28,7 +28,10 @@ public:
     const std::vector<float>& psfX(int i) const { return m_.psfX[i]; }
     const std::vector<float>& psfY(int i) const { return m_.psfY[i]; }
     std::vector<float>& U() { return m_.U; }
-    void computeL() { m_.computeL(); }
+    void computeL()
+    {
+        parallel::parallelRegion(1, [&](const parallel::Team& team) { m_.computeL(team); });
+    }
     const std::vector<float>& Lr() const { return m_.Lr; }
     const std::vector<float>& Ld() const { return m_.Ld; }
     const std::vector<float>& Ldl() const { return m_.Ldl; }
@@ -273,21 +276,24 @@ Solve solve(SrFloatMinimization& m, const Scene& scene, int refIndex, const Mask
     return result;
 }
 
-// Large enough for the solve to run on two threads.
-TEST(SrFloatMinimization, ReconstructionBeatsBicubicWithTheSameBytesOnOneAndTwoThreadsAndInCopies)
+// Large enough for the solve to run on every thread asked for.
+TEST(SrFloatMinimization, ReconstructionBeatsBicubicWithTheSameBytesWhateverTheThreadCountAndInCopies)
 {
     // Tiles of a scene of the small size keep its detail at the pixel scale.
     const Scene scene(256, 192, cv::repeat(krotest::texturedScene(96, 128, 17), 4, 4));
     Masks masks(5, 256 * 192, 0, false);
     SrFloatMinimization m(256, 192, 5, 2.0f);
-    const int savedThreads = omp_get_max_threads();
-    omp_set_num_threads(1);
+    ASSERT_TRUE(m.setThreads(1));
     const Solve one = solve(m, scene, 1, masks);
-    omp_set_num_threads(2);
+    EXPECT_EQ(m.getLastThreadCount(), 1);
+    ASSERT_TRUE(m.setThreads(2));
     const Solve two = solve(m, scene, 1, masks);
+    EXPECT_EQ(m.getLastThreadCount(), 2);
     SrFloatMinimization copy(m);
+    ASSERT_TRUE(copy.setThreads(7));
+    EXPECT_FALSE(copy.setThreads(-1));
     const Solve copied = solve(copy, scene, 1, masks);
-    omp_set_num_threads(savedThreads);
+    EXPECT_EQ(copy.getLastThreadCount(), 7);
 
     EXPECT_EQ(one.iterations, two.iterations);
     const std::vector<float> bytes = cv::Mat_<float>(one.output.reshape(1, 1));

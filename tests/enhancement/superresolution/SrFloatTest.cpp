@@ -50,6 +50,28 @@ class SrFloatEngine : public ::testing::Test {};
 using Registrations = ::testing::Types<SrFloatRegistration1, SrFloatRegistration2>;
 TYPED_TEST_SUITE(SrFloatEngine, Registrations);
 
+// The thread count reaches every part: the same bytes for 1, 2 and 7
+// threads on frames large enough for the solve to split.
+TYPED_TEST(SrFloatEngine, SameBytesWhateverTheThreadCount)
+{
+    const cv::Mat_<float> truth = krotest::texturedScene(512, 640, 8);
+    const std::vector<cv::Mat_<float>> frames = krotest::makeShiftedFrames(truth, 2, burstShifts(), 0.683, 2.0, 9);
+    std::vector<cv::Mat_<float>> results;
+    for (int threads : {1, 2, 7}) {
+        SrFloat<TypeParam> engine(320, 256, 5, 2.0f);
+        engine.setThreads(threads);
+        feed(engine, frames);
+        cv::Mat_<float> result(512, 640);
+        EXPECT_GE(engine.computeSR(result), 0.0f);
+        EXPECT_EQ(engine.getMinimization().getLastThreadCount(), threads);
+        results.push_back(result);
+    }
+    EXPECT_TRUE(krotest::imagesEqual(results[0], results[1]));
+    EXPECT_TRUE(krotest::imagesEqual(results[0], results[2]));
+    SrFloat<TypeParam> engine(96, 80, 5, 2.0f);
+    EXPECT_THROW(engine.setThreads(-1), const char*);
+}
+
 TYPED_TEST(SrFloatEngine, BeatsBicubicOnANoisyBurstWithKnownShifts)
 {
     const cv::Mat_<float> truth = krotest::texturedScene(2 * kHeight, 2 * kWidth, 5);
