@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "Exception.h"
+#include "SrResultCodes.h"
 #include "SrRobust.h"
 #include "SrSessionImpl.h"
 #include "StopWatch.h"
@@ -72,7 +73,7 @@ public:
         } catch (const std::bad_alloc&) {
             throw;
         } catch (const std::exception& e) {
-            record.code = -999;
+            record.code = velmor::kro::kSrLibraryError;
             record.failure = SrFailure::LibraryError;
             record.message = e.what();
             cv::Mat_<float> reference;

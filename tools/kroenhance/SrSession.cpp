@@ -9,12 +9,12 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "CameraLensTable.h"
 #include "Exception.h"
 #include "SrFloat.h"
+#include "SrResultCodes.h"
 #include "SrSessionImpl.h"
 #include "StopWatch.h"
-#include "detail/CInterfaceCodes.h"
-#include "detail/CameraLensTable.h"
 
 namespace kroenhance {
 
@@ -189,20 +189,20 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
     s.iterations = static_cast<int>(cli.intOption("--iterations", s.iterations, INT_MIN, INT_MAX));
     const bool sigmaGiven = cli.has("--psf-sigma");
     s.psfSigmaGiven = sigmaGiven;
-    s.psfSigma = cli.doubleOption("--psf-sigma", velmor::kro::detail::kDefaultPsfSigma, -FLT_MAX, FLT_MAX);
+    s.psfSigma = cli.doubleOption("--psf-sigma", velmor::kro::kDefaultPsfSigma, -FLT_MAX, FLT_MAX);
     if (cli.has("--camera")) {
         if (sigmaGiven)
             throw UsageError("give either --psf-sigma or --camera, not both");
         s.camera = cli.stringOption("--camera", "");
         // As the C interface: a description that cannot be decoded leaves the
         // default blur.
-        s.psfSigma = velmor::kro::detail::kDefaultPsfSigma;
+        s.psfSigma = velmor::kro::kDefaultPsfSigma;
         std::string model;
         int fieldOfView = -1;
-        if (velmor::kro::detail::decodeCameraType(s.camera, model, fieldOfView)) {
+        if (velmor::kro::decodeCameraType(s.camera, model, fieldOfView)) {
             s.cameraModel = model;
             s.cameraFieldOfView = fieldOfView;
-            s.psfSigma = velmor::kro::detail::psfSigmaFor(model, fieldOfView);
+            s.psfSigma = velmor::kro::psfSigmaFor(model, fieldOfView);
         }
     }
     return s;
@@ -310,22 +310,23 @@ public:
         }
 
         if (!record.hasEngineValue) {
-            record.code = -999;  // the C interface's code for a caught exception
+            record.code = velmor::kro::kSrLibraryError;  // the C interface's code for a caught exception
             record.failure = SrFailure::LibraryError;
             record.message = error;
         } else {
             const float value = record.engineValue;
-            record.code = velmor::kro::detail::cInterfaceCode(structureOk, addResult, value);
+            record.code = velmor::kro::cInterfaceCode(structureOk, addResult, value);
             // -3 and -6 fill the result all the same, but the engine says it
             // was made from frames that do not line up; it is not passed on
             // as a reconstruction.
-            if (value == -9.0f) {
+            const int result = velmor::kro::srResultOf(value);
+            if (result == velmor::kro::kSrNoTracking) {
                 record.failure = SrFailure::NoTracking;
                 record.message = "the registration found nothing to track";
-            } else if (value == -6.0f) {
+            } else if (result == velmor::kro::kSrDisplacement) {
                 record.failure = SrFailure::Displacement;
                 record.message = "a frame of the window is displaced too far";
-            } else if (value == -3.0f) {
+            } else if (result == velmor::kro::kSrCoverage) {
                 record.failure = SrFailure::Coverage;
                 record.message = "half or more of a frame's pixels could not be registered";
             } else if (value < 0.0f) {
@@ -339,7 +340,7 @@ public:
             }
             // The shifts and masks are those of this call unless the
             // registration itself failed.
-            if (value != -9.0f) {
+            if (result != velmor::kro::kSrNoTracking) {
                 engine->getCompleteShifts(shifts);
                 engine->getMasks(masks);
                 const double pixels = static_cast<double>(size.area());

@@ -8,14 +8,14 @@
 
 #include <opencv2/core.hpp>
 
+#include "CameraLensTable.h"
 #include "DebugDeviceBase.h"
 #include "Exception.h"
 #include "ImageIO.h"
 #include "LogFacility.h"
 #include "SrFloat.h"
+#include "SrResultCodes.h"
 #include "detail/CInterfaceAccess.h"
-#include "detail/CInterfaceCodes.h"
-#include "detail/CameraLensTable.h"
 
 using velmor::kro::Exception;
 using velmor::kro::ImageIO;
@@ -96,7 +96,7 @@ ContextSlot* validContext(int handle)
     return &table[handle];
 }
 
-// Runs `body`; an exception becomes the stored error text and -999.
+// Runs `body`; an exception becomes the stored error text and kSrLibraryError (-999).
 template <typename Body>
 int guarded(Body body)
 {
@@ -109,7 +109,7 @@ int guarded(Body body)
     } catch (...) {
         lastError() = "Unknown exception in addImage()";
     }
-    return -999;
+    return velmor::kro::kSrLibraryError;
 }
 
 } // namespace
@@ -172,7 +172,7 @@ int SuperResolution_release(int handle)
     KRO_LOG("SuperResolution_release( ", static_cast<unsigned int>(handle), " )");
     ContextSlot* slot = validContext(handle);
     if (!slot)
-        return -999;
+        return velmor::kro::kSrLibraryError;
     slot->engine.reset();
     slot->result.release();
     slot->height = 0;
@@ -199,18 +199,18 @@ int SuperResolution_queryOutputImageSize(int handle, int* outWidth, int* outHeig
             " , ", static_cast<const void*>(outHeight));
     ContextSlot* slot = validContext(handle);
     if (!slot)
-        return -999;
+        return velmor::kro::kSrLibraryError;
     int code = 0;
     if (slot->imageCount < kWindowSize) {
         lastError() = "Not enough input images (<5)";
-        code = -5;
+        code = velmor::kro::kSrWindowNotFull;
         // A reconstruction from the frames there are: this is how a caller
         // gets a result before the window is full. With no frame at all
         // there is nothing to reconstruct.
         if (slot->imageCount > 0)
             code = guarded([&] {
                 slot->engine->computeSR(slot->result.ptr<float>(0));
-                return -5;
+                return velmor::kro::kSrWindowNotFull;
             });
     }
     if (outWidth)
@@ -225,14 +225,14 @@ int SuperResolution_addImage(int handle, const float* image)
     KRO_LOG("SuperResolution_addImage(", handle, ", ...)");
     ContextSlot* slot = validContext(handle);
     if (!slot)
-        return -999;
+        return velmor::kro::kSrLibraryError;
     if (slot->width == 0 || slot->height == 0) {
         lastError() = "Size of expected Ir images unknown";
-        return -999;
+        return velmor::kro::kSrLibraryError;
     }
     if (image == nullptr) {
         lastError() = "ir image data pointer is NULL";
-        return -999;
+        return velmor::kro::kSrLibraryError;
     }
     return guarded([&] {
         const cv::Mat_<float> frame(slot->height, slot->width, const_cast<float*>(image));
@@ -251,7 +251,7 @@ int SuperResolution_addImage(int handle, const float* image)
             q = slot->engine->computeSR(slot->result.ptr<float>(0));
             KRO_LOG("  finished processFrame(...)");
         }
-        return velmor::kro::detail::cInterfaceCode(structureOk, r, q);
+        return velmor::kro::cInterfaceCode(structureOk, r, q);
     });
 }
 
@@ -261,15 +261,15 @@ int SuperResolution_getSuperresolutionImage(int handle, float* mosaic)
             static_cast<const void*>(mosaic), ")");
     ContextSlot* slot = validContext(handle);
     if (!slot)
-        return -999;
+        return velmor::kro::kSrLibraryError;
     int code = 0;
     if (mosaic == nullptr) {
         lastError() = "Ir mosaic data pointer is NULL.";
-        code = -999;
+        code = velmor::kro::kSrLibraryError;
     }
     if (slot->imageCount < kWindowSize) {
         lastError() = "Not enough input images (<5)";
-        code = -5;
+        code = velmor::kro::kSrWindowNotFull;
     }
     if (LogFacility::getInstance().getLogLevel() == velmor::kro::LOG_DEBUG)
         ImageIO::save(kDebugResultPath, slot->result, ImageIO::kSaveAtomic);
@@ -282,14 +282,14 @@ int SuperResolution_getSuperresolutionImage(int handle, float* mosaic)
 
 int SuperResolution_setCameraAndLensType(int handle, const char* description)
 {
-    float sigma = velmor::kro::detail::kDefaultPsfSigma;
+    float sigma = velmor::kro::kDefaultPsfSigma;
     const std::string text = description ? description : "";
     KRO_LOG("SuperResolution_setCameraAndLensType(", text, ")");
     std::string modelCode;
     int fieldOfView = -1;
-    if (velmor::kro::detail::decodeCameraType(text, modelCode, fieldOfView)) {
+    if (velmor::kro::decodeCameraType(text, modelCode, fieldOfView)) {
         KRO_LOG("  decoded camera: ", modelCode, " FOV: ", fieldOfView);
-        sigma = velmor::kro::detail::psfSigmaFor(modelCode, fieldOfView);
+        sigma = velmor::kro::psfSigmaFor(modelCode, fieldOfView);
     }
     KRO_LOG("  using sigma: ", sigma);
     // The handle is not checked against released slots (callers pass a live
@@ -305,7 +305,7 @@ int SuperResolution_setReferenceFrame(int handle, int index)
     KRO_LOG("SuperResolution_setReferencFrame(", static_cast<unsigned int>(handle), " , ", index, ")");
     ContextSlot* slot = validContext(handle);
     if (!slot)
-        return -999;
+        return velmor::kro::kSrLibraryError;
     // An index outside the window throws the engine's const char* message;
     // it is deliberately not caught here.
     slot->engine->setReferenceIndex(index);

@@ -1,10 +1,9 @@
-#include "detail/CameraLensTable.h"
+#include "CameraLensTable.h"
 
 #include <sstream>
 
 namespace velmor {
 namespace kro {
-namespace detail {
 
 namespace {
 
@@ -61,6 +60,5 @@ float psfSigmaFor(const std::string& modelCode, int fieldOfView)
     return kDefaultPsfSigma;
 }
 
-} // namespace detail
 } // namespace kro
 } // namespace velmor

@@ -1,12 +1,18 @@
 #pragma once
 
+// The camera and lens table: the sensor blur of a camera described in
+// free text. Public because front ends other than the C interface (the
+// command-line tool, callers of the C++ engines) accept the same
+// descriptions and should turn them into the same blur.
+
 #include <string>
+
+#include "KroLibExport.h"
 
 namespace velmor {
 namespace kro {
-namespace detail {
 
-// Sensor blur used when the camera is unknown, in low-resolution pixels.
+// Sensor blur used when the camera is unknown, in pixels of the output grid.
 constexpr float kDefaultPsfSigma = 0.683f;
 
 // Reads a camera model and a lens field of view from a free-form
@@ -16,12 +22,11 @@ constexpr float kDefaultPsfSigma = 0.683f;
 // Returns true when both were found (a field of view of -1, or no number
 // after "FOV", counts as not found). `modelCode` is set whenever a key is
 // found, `fieldOfView` whenever "FOV" is.
-bool decodeCameraType(const std::string& description, std::string& modelCode, int& fieldOfView);
+KROLIB_EXPORT bool decodeCameraType(const std::string& description, std::string& modelCode, int& fieldOfView);
 
 // The Gaussian sigma of the sensor's point-spread function for a decoded
 // camera; kDefaultPsfSigma for an unknown model code.
-float psfSigmaFor(const std::string& modelCode, int fieldOfView);
+KROLIB_EXPORT float psfSigmaFor(const std::string& modelCode, int fieldOfView);
 
-} // namespace detail
 } // namespace kro
 } // namespace velmor
