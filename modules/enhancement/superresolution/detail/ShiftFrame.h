@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cmath>
+
 #include "PointF.h"
 
 namespace velmor {
@@ -19,6 +21,20 @@ namespace detail {
 //
 // `frame` and `out` hold width * height floats and must not overlap.
 void shiftFrame(const float* frame, int width, int height, PointF& shift, float* out);
+
+// floor(v + 0.5), clamped to +-limit (chosen far outside the frame) so that
+// a wild value cannot overflow the conversion. The float form rounds exactly
+// as shiftFrame does (the sum in float).
+template <class T>
+int roundShift(T v, int limit)
+{
+    const T r = std::floor(v + static_cast<T>(0.5));
+    if (!(r > -static_cast<T>(limit)))
+        return -limit;
+    if (!(r < static_cast<T>(limit)))
+        return limit;
+    return static_cast<int>(r);
+}
 
 } // namespace detail
 } // namespace kro
