@@ -30,65 +30,69 @@ constexpr float kMagnification = 2.0f;
 // The tool keeps this many frames at most (a window is held twice: by the
 // engine and as the fallback's source).
 constexpr int kMaxWindow = 64;
-// Size of the engine built only to check the settings: small, and valid for
-// both registrations (the phase one needs an even width of some size).
-constexpr int kProbeSize = 64;
-
-// Applies one setter; a refusal (the engine throws its message as a C
-// string) becomes a usage error with the engine's message, prefixed by the
-// option and followed by the value and what is accepted.
-template <typename Value, typename Setter>
-void apply(const char* option, Value value, const std::string& accepted, Setter setter)
+// Throws UsageError for a value the engine's rules refuse: the rule's own
+// message, prefixed by the option and followed by the value and what is
+// accepted.
+template <typename Value>
+void check(const char* option, const char* refused, Value value, const std::string& accepted)
 {
-    try {
-        setter();
-    } catch (const char* message) {
-        std::ostringstream why;
-        why << "option " << option << ": " << message << " (got " << value << "; accepted: " << accepted << ")";
-        throw UsageError(why.str());
-    }
+    if (!refused)
+        return;
+    std::ostringstream why;
+    why << "option " << option << ": " << refused << " (got " << value << "; accepted: " << accepted << ")";
+    throw UsageError(why.str());
 }
 
-template <typename Engine>
-void configure(Engine& engine, const SrSettings& s)
+// The engine's options for these settings.
+velmor::kro::SrFloatOptions floatOptions(const SrSettings& s)
 {
-    apply("--reference-index", s.referenceIndex,
-          "0 to " + std::to_string(engine.getWindowSize() - 1) + " with a window of " +
-              std::to_string(engine.getWindowSize()),
-          [&] { engine.setReferenceIndex(s.referenceIndex); });
-    apply("--tv-weight", s.tvWeight, "1 or more", [&] { engine.setWeightTV(static_cast<float>(s.tvWeight)); });
-    apply("--reg-error", s.regError, "above 0 and at most 1",
-          [&] { engine.setRegError(static_cast<float>(s.regError)); });
-    apply("--rel-residue", s.relResidue, "1e-6 or more",
-          [&] { engine.setRelativeResidue(static_cast<float>(s.relResidue)); });
-    apply("--iterations", s.iterations, "1 or more", [&] { engine.setMaxCGIters(s.iterations); });
-    apply(s.camera.empty() ? "--psf-sigma" : "--camera", s.psfSigma, "above 0",
-          [&] { engine.setPsfSigma(static_cast<float>(s.psfSigma)); });
+    velmor::kro::SrFloatOptions o;
+    o.windowSize = s.window;
+    o.referenceIndex = s.referenceIndex;
+    o.weightTV = static_cast<float>(s.tvWeight);
+    o.regError = static_cast<float>(s.regError);
+    o.relativeResidue = static_cast<float>(s.relResidue);
+    o.maxCGIters = s.iterations;
+    o.psfSigma = static_cast<float>(s.psfSigma);  // already the camera's blur when --camera decoded
+    return o;
 }
 
-template <typename Engine>
-std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
+// The engine's rules, one option at a time in the order the engine applies
+// them, so that the message names the option (the TV weight and the residue
+// share a message).
+void checkGlobalSettings(const SrSettings& s)
 {
+    namespace rules = velmor::kro::srfloat_rules;
     if (s.window > kMaxWindow) {
         std::ostringstream why;
         why << "option --window: " << s.window << " frames is more than the " << kMaxWindow
             << " this tool holds";
         throw UsageError(why.str());
     }
-    std::unique_ptr<Engine> engine;
+    check("--window", rules::windowSize(s.window), s.window, "1 or more");
+    check("--reference-index", rules::referenceIndex(s.referenceIndex, s.window), s.referenceIndex,
+          "0 to " + std::to_string(s.window - 1) + " with a window of " + std::to_string(s.window));
+    check("--tv-weight", rules::weightTV(static_cast<float>(s.tvWeight)), s.tvWeight, "1 or more");
+    check("--reg-error", rules::regError(static_cast<float>(s.regError)), s.regError, "above 0 and at most 1");
+    check("--rel-residue", rules::relativeResidue(static_cast<float>(s.relResidue)), s.relResidue,
+          "1e-6 or more");
+    check("--iterations", rules::maxCGIters(s.iterations), s.iterations, "1 or more");
+    check(s.camera.empty() ? "--psf-sigma" : "--camera", rules::psfSigma(static_cast<float>(s.psfSigma)),
+          s.psfSigma, "above 0");
+}
+
+template <typename Engine>
+std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
+{
+    checkGlobalSettings(s);
     try {
-        engine = std::make_unique<Engine>(size.width, size.height, s.window, kMagnification);
-    } catch (const char* message) {
-        throw UsageError("option --window: " + std::string(message) + " (got " + std::to_string(s.window) +
-                         "; accepted: 1 or more)");
+        return std::make_unique<Engine>(size.width, size.height, floatOptions(s), kMagnification);
     } catch (const velmor::kro::Exception& e) {
         std::ostringstream why;
         why << "the " << srEngineName(s.engine) << " engine cannot work on " << size.width << "x"
             << size.height << " frames: " << e.what();
         throw RunError(why.str());
     }
-    configure(*engine, s);
-    return engine;
 }
 
 } // namespace
@@ -210,15 +214,10 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
 
 void checkSrSettings(const SrSettings& settings)
 {
-    if (settings.motion == SrMotion::Local) {
+    if (settings.motion == SrMotion::Local)
         checkRobustSettings(settings);
-        return;
-    }
-    const cv::Size probe(kProbeSize, kProbeSize);
-    if (settings.engine == SrEngine::Phase)
-        buildEngine<SrFloat<SrFloatRegistration1>>(settings, probe);
     else
-        buildEngine<SrFloat<SrFloatRegistration2>>(settings, probe);
+        checkGlobalSettings(settings);
 }
 
 // ---------------------------------------------------------------------------

@@ -65,10 +65,11 @@ SrSettings srSettingsFromCommandLine(Cli& cli);
 // Help text of those options.
 extern const char* const kSrSettingsHelp;
 
-// Hands the settings to a small engine of the chosen kind; a value the engine
-// refuses throws UsageError with the engine's own message, prefixed by the
-// option ("option --tv-weight: Invalid total-variation term weight
-// specified."). Cheap; meant to run before any file is touched.
+// Checks the settings against the chosen engine's rules (SrFloatOptions'
+// or SrRobustOptions' validation); a refused value throws UsageError with
+// the engine's own message, prefixed by the option ("option --tv-weight:
+// Invalid total-variation term weight specified. (got 0.5; accepted: 1 or
+// more)"). Cheap; meant to run before any file is touched.
 void checkSrSettings(const SrSettings& settings);
 
 // Why a reconstruction was replaced by the bicubic enlargement.

@@ -40,10 +40,8 @@ SrFloat<Registration>::SrFloat(int width_, int height_, int windowSize_, float m
       windowSize(windowSize_),
       magnification(magnification_)
 {
-    // The message for an empty window is the reference-index one on purpose:
-    // callers match on these texts.
-    if (windowSize_ <= 0)
-        throw "Invalid reference index specified.";
+    if (const char* refused = srfloat_rules::windowSize(windowSize_))
+        throw refused;
     DebugSingleton::getInstance().registerChannel(this);
     frames.assign(windowSize, std::vector<float>(inputSize, 0.0f));
     workFrames.assign(windowSize, std::vector<float>(inputSize, 0.0f));
@@ -233,52 +231,82 @@ template <typename Registration>
 float SrFloat<Registration>::getWeightTV() const { return minimization.getWeightTV(); }
 
 template <typename Registration>
+SrFloat<Registration>::SrFloat(int width_, int height_, const SrFloatOptions& options, float magnification_)
+    : SrFloat(width_, height_, options.windowSize, magnification_)
+{
+    if (const char* refused = options.validate())
+        throw refused;
+    setReferenceIndex(options.referenceIndex);
+    setWeightTV(options.weightTV);
+    setRegError(options.regError);
+    setRelativeResidue(options.relativeResidue);
+    setMaxCGIters(options.maxCGIters);
+    setPsfSigma(options.effectivePsfSigma());
+    setMinStructureThreshold(options.minStructureThreshold);
+    setThreads(options.threads);
+}
+
+template <typename Registration>
+SrFloatOptions SrFloat<Registration>::getOptions() const
+{
+    SrFloatOptions o;
+    o.windowSize = windowSize;
+    o.referenceIndex = referenceIndex;
+    o.weightTV = getWeightTV();
+    o.regError = getRegError();
+    o.relativeResidue = getRelativeResidue();
+    o.maxCGIters = minimization.getMaxIter();
+    o.psfSigma = minimization.getPsfSigma();
+    o.minStructureThreshold = minStructureThreshold;
+    o.threads = threadCount;
+    return o;
+}
+
+template <typename Registration>
 void SrFloat<Registration>::setMaxCGIters(int iterations)
 {
-    if (iterations < 1)
-        throw "Invalid maximum number of iterations specified.";
+    if (const char* refused = srfloat_rules::maxCGIters(iterations))
+        throw refused;
     minimization.setMaxIter(iterations);
 }
 
 template <typename Registration>
 void SrFloat<Registration>::setPsfSigma(float sigma)
 {
-    if (!(sigma > 0.0f))
-        throw "Invalid standard deviation of the sensor psf specified.";
+    if (const char* refused = srfloat_rules::psfSigma(sigma))
+        throw refused;
     minimization.setPsfSigma(sigma);
 }
 
 template <typename Registration>
 void SrFloat<Registration>::setReferenceIndex(int index)
 {
-    if (index < 0 || index >= windowSize)
-        throw "Invalid reference index specified.";
+    if (const char* refused = srfloat_rules::referenceIndex(index, windowSize))
+        throw refused;
     referenceIndex = index;
 }
 
 template <typename Registration>
 void SrFloat<Registration>::setRegError(float error)
 {
-    if (!(error > 0.0f && error <= 1.0f))
-        throw "Invalid maximum registration error specified.";
+    if (const char* refused = srfloat_rules::regError(error))
+        throw refused;
     registration.setRegError(error);
 }
 
 template <typename Registration>
 void SrFloat<Registration>::setRelativeResidue(float residue)
 {
-    // The weight message for a bad residue is intended: it is the text
-    // existing callers look for.
-    if (!(static_cast<double>(residue) >= 1e-6))
-        throw "Invalid total-variation term weight specified.";
+    if (const char* refused = srfloat_rules::relativeResidue(residue))
+        throw refused;
     minimization.setRelRes(residue);
 }
 
 template <typename Registration>
 void SrFloat<Registration>::setWeightTV(float weight)
 {
-    if (!(weight >= 1.0f))
-        throw "Invalid total-variation term weight specified.";
+    if (const char* refused = srfloat_rules::weightTV(weight))
+        throw refused;
     minimization.setWeightTV(weight);
 }
 
@@ -297,8 +325,8 @@ void SrFloat<Registration>::setDataIsNUC(bool isNUC)
 template <typename Registration>
 void SrFloat<Registration>::setThreads(int threads)
 {
-    if (threads < 0)
-        throw "Invalid thread count specified.";
+    if (const char* refused = srfloat_rules::threads(threads))
+        throw refused;
     registration.setThreads(threads);
     minimization.setThreads(threads);
     badPixels.setThreads(threads);

@@ -8,6 +8,7 @@
 #include "KroLibExport.h"
 #include "PointF.h"
 #include "SrFloatMinimization.h"
+#include "SrFloatOptions.h"
 #include "SrFloatRegistration1.h"
 #include "SrFloatRegistration2.h"
 #include "StopWatch.h"
@@ -49,6 +50,13 @@ template <typename Registration>
 class KROLIB_EXPORT SrFloat : public DebugChannel {
 public:
     SrFloat(int width, int height, int windowSize, float magnification);
+    // An engine with every setting of `options` applied (their camera
+    // description, when it decodes, gives the blur); throws the message of
+    // options.validate() as a `const char*` when a value is refused.
+    SrFloat(int width, int height, const SrFloatOptions& options, float magnification = 2.0f);
+    // The current settings (the camera text is not kept: its blur is in
+    // psfSigma).
+    SrFloatOptions getOptions() const;
 
     // Adds one frame of height x width floats (copied). Returns 0, or -2 when
     // the bad-pixel detector could not repair every defect (the frame is

@@ -148,16 +148,17 @@ int SuperResolution_init(int width, int height)
     // Engines get no console device here: their traces are switched on for
     // all of them at once through DebugSingleton, which keeps a context's
     // console quiet unless the program asks for traces.
-    slot.engine = std::make_unique<SrFloat<SrFloatRegistration2>>(width, height, kWindowSize, kMagnification);
+    // The options' defaults are the C interface's settings (window 5,
+    // reference index 3, TV weight 400, registration error 0.0001, relative
+    // residue 0.007).
+    velmor::kro::SrFloatOptions options;
+    options.windowSize = kWindowSize;
+    slot.engine = std::make_unique<SrFloat<SrFloatRegistration2>>(width, height, options, kMagnification);
     slot.width = width;
     slot.height = height;
     slot.imageCount = 0;
     slot.result.create(static_cast<int>(height * kMagnification), static_cast<int>(width * kMagnification), CV_32F);
 
-    slot.engine->setReferenceIndex(3);
-    slot.engine->setWeightTV(400.0f);
-    slot.engine->setRegError(0.0001f);
-    slot.engine->setRelativeResidue(0.007f);
 
     if (LogFacility::getInstance().getLogLevel() == velmor::kro::LOG_DEBUG) {
         slot.debugStream.open(kDebugStreamPath);

@@ -72,6 +72,52 @@ TYPED_TEST(SrFloatEngine, SameBytesWhateverTheThreadCount)
     EXPECT_THROW(engine.setThreads(-1), const char*);
 }
 
+// One set of rules for the options, the setters and the constructor: each
+// bound refused with the setter's own text, the value just inside accepted,
+// and an engine built from options equal to one configured by setters.
+TYPED_TEST(SrFloatEngine, OptionsAreCheckedByTheSettersRules)
+{
+    const struct {
+        void (*set)(SrFloatOptions&, bool inside);
+        const char* message;
+    } cases[] = {
+        {[](SrFloatOptions& o, bool in) { o.windowSize = in ? 1 : 0; }, "Invalid reference index specified."},
+        {[](SrFloatOptions& o, bool in) { o.referenceIndex = in ? 4 : 5; }, "Invalid reference index specified."},
+        {[](SrFloatOptions& o, bool in) { o.weightTV = in ? 1.0f : 0.999f; }, "Invalid total-variation term weight specified."},
+        {[](SrFloatOptions& o, bool in) { o.regError = in ? 1.0f : 1.001f; }, "Invalid maximum registration error specified."},
+        {[](SrFloatOptions& o, bool in) { o.relativeResidue = in ? 1.01e-6f : 9e-7f; }, "Invalid total-variation term weight specified."},
+        {[](SrFloatOptions& o, bool in) { o.maxCGIters = in ? 1 : 0; }, "Invalid maximum number of iterations specified."},
+        {[](SrFloatOptions& o, bool in) { o.psfSigma = in ? 1e-3f : 0.0f; }, "Invalid standard deviation of the sensor psf specified."},
+        {[](SrFloatOptions& o, bool in) { o.threads = in ? 0 : -1; }, "Invalid thread count specified."},
+    };
+    EXPECT_EQ(nullptr, SrFloatOptions().validate());
+    for (const auto& c : cases) {
+        SrFloatOptions o;
+        c.set(o, true);
+        if (o.windowSize == 1)
+            o.referenceIndex = 0;
+        EXPECT_EQ(nullptr, o.validate()) << c.message;
+        c.set(o, false);
+        ASSERT_NE(nullptr, o.validate());
+        EXPECT_STREQ(c.message, o.validate());
+        try {
+            SrFloat<TypeParam> engine(kWidth, kHeight, o);
+            ADD_FAILURE() << "accepted: " << c.message;
+        } catch (const char* message) {
+            EXPECT_STREQ(c.message, message);
+        }
+    }
+    SrFloatOptions o;
+    o.referenceIndex = 1;
+    o.weightTV = 250.0f;
+    o.camera = "camera k57 FOV 25";  // decodes to its own blur
+    SrFloat<TypeParam> fromOptions(kWidth, kHeight, o);
+    EXPECT_EQ(1, fromOptions.getOptions().referenceIndex);
+    EXPECT_EQ(250.0f, fromOptions.getOptions().weightTV);
+    EXPECT_NE(o.psfSigma, fromOptions.getOptions().psfSigma);
+    EXPECT_EQ(o.effectivePsfSigma(), fromOptions.getOptions().psfSigma);
+}
+
 TYPED_TEST(SrFloatEngine, BeatsBicubicOnANoisyBurstWithKnownShifts)
 {
     const cv::Mat_<float> truth = krotest::texturedScene(2 * kHeight, 2 * kWidth, 5);
