@@ -13,7 +13,6 @@ namespace kro {
 
 namespace {
 
-constexpr int kMaxGain = 31;
 constexpr int kMinK = 13;   // share 13/32 of the deviation kept in flat areas
 constexpr int kFullK = 32;  // all of it
 // Below this many pixels a second thread costs more than it saves.
@@ -39,13 +38,29 @@ inline short smoothPixel(const short* up, const short* mid, const short* down, i
 } // namespace
 
 SpatialNoiseRemover::SpatialNoiseRemover(int gain)
-    : mGain(static_cast<unsigned>(gain) <= static_cast<unsigned>(kMaxGain) ? gain : 0)
+    : mGain(filter_rules::spatialGain(gain).empty() ? gain : 0)
 {
+}
+
+SpatialNoiseRemover::SpatialNoiseRemover(const SpatialNoiseRemoverOptions& options) : mGain(options.gain)
+{
+    const std::string problem = options.validate();
+    if (!problem.empty())
+        KRO_THROW(problem);
+    mThreads = options.threads;
+}
+
+SpatialNoiseRemoverOptions SpatialNoiseRemover::getOptions() const
+{
+    SpatialNoiseRemoverOptions o;
+    o.gain = mGain;
+    o.threads = mThreads;
+    return o;
 }
 
 bool SpatialNoiseRemover::setGain(int gain)
 {
-    if (static_cast<unsigned>(gain) > static_cast<unsigned>(kMaxGain))
+    if (!filter_rules::spatialGain(gain).empty())
         return false;
     mGain = gain;
     return true;
@@ -115,7 +130,7 @@ void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& d
 
 bool SpatialNoiseRemover::setThreads(int threads)
 {
-    if (threads < 0)
+    if (!filter_rules::threads(threads).empty())
         return false;
     mThreads = threads;
     return true;

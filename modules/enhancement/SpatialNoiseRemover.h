@@ -4,6 +4,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "FilterOptions.h"
 #include "KroLibExport.h"
 
 namespace velmor {
@@ -26,6 +27,10 @@ namespace kro {
 class KROLIB_EXPORT SpatialNoiseRemover {
 public:
     explicit SpatialNoiseRemover(int gain);
+    // A filter with `options` applied; throws velmor::kro::Exception with
+    // options.validate()'s text when a value is refused.
+    explicit SpatialNoiseRemover(const SpatialNoiseRemoverOptions& options);
+    SpatialNoiseRemoverOptions getOptions() const;
     SpatialNoiseRemover(const SpatialNoiseRemover&) = default;
     SpatialNoiseRemover& operator=(const SpatialNoiseRemover&) = default;
     virtual ~SpatialNoiseRemover() = default;

@@ -16,8 +16,6 @@ namespace {
 
 using detail::div9LessAccurate;
 
-constexpr int kMaxThreshold = 100;
-constexpr int kMaxLimit = 31;
 constexpr short kSaturated = 32767;  // marker of a saturated sample, passed unchanged
 constexpr int kReach = 4;            // the 1x9 run reaches four columns each side
 constexpr int kMinColumnsPerThread = 64;
@@ -191,9 +189,28 @@ StaticPatternRemover::StaticPatternRemover(int threshold, int lineLimit, int fra
     setFrameLimit(frameLimit);
 }
 
+StaticPatternRemover::StaticPatternRemover(const StaticPatternRemoverOptions& options)
+    : StaticPatternRemover(options.threshold, options.lineLimit, options.frameLimit)
+{
+    const std::string problem = options.validate();
+    if (!problem.empty())
+        KRO_THROW(problem);
+    mThreads = options.threads;
+}
+
+StaticPatternRemoverOptions StaticPatternRemover::getOptions() const
+{
+    StaticPatternRemoverOptions o;
+    o.threshold = mThreshold;
+    o.lineLimit = mLineLimit;
+    o.frameLimit = mFrameLimit;
+    o.threads = mThreads;
+    return o;
+}
+
 bool StaticPatternRemover::setThreshold(int threshold)
 {
-    if (static_cast<unsigned>(threshold) > static_cast<unsigned>(kMaxThreshold))
+    if (!filter_rules::patternThreshold(threshold).empty())
         return false;
     mThreshold = threshold;
     mThreshold07 = static_cast<std::int32_t>(static_cast<float>(threshold) * 0.7f);
@@ -202,7 +219,7 @@ bool StaticPatternRemover::setThreshold(int threshold)
 
 bool StaticPatternRemover::setLineLimit(int lineLimit)
 {
-    if (static_cast<unsigned>(lineLimit) > static_cast<unsigned>(kMaxLimit))
+    if (!filter_rules::patternLimit(lineLimit).empty())
         return false;
     mLineLimit = lineLimit;
     return true;
@@ -210,7 +227,7 @@ bool StaticPatternRemover::setLineLimit(int lineLimit)
 
 bool StaticPatternRemover::setFrameLimit(int frameLimit)
 {
-    if (static_cast<unsigned>(frameLimit) > static_cast<unsigned>(kMaxLimit))
+    if (!filter_rules::patternLimit(frameLimit).empty())
         return false;
     mFrameLimit = frameLimit;
     return true;
@@ -334,7 +351,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
 
 bool StaticPatternRemover::setThreads(int threads)
 {
-    if (threads < 0)
+    if (!filter_rules::threads(threads).empty())
         return false;
     mThreads = threads;
     return true;

@@ -5,6 +5,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "FilterOptions.h"
 #include "KroLibExport.h"
 
 namespace velmor {
@@ -35,6 +36,10 @@ namespace kro {
 class KROLIB_EXPORT StaticPatternRemover {
 public:
     StaticPatternRemover(int threshold, int lineLimit, int frameLimit);
+    // A filter with `options` applied; throws velmor::kro::Exception with
+    // options.validate()'s text when a value is refused.
+    explicit StaticPatternRemover(const StaticPatternRemoverOptions& options);
+    StaticPatternRemoverOptions getOptions() const;
     StaticPatternRemover(const StaticPatternRemover&) = default;
     StaticPatternRemover& operator=(const StaticPatternRemover&) = default;
     ~StaticPatternRemover() = default;

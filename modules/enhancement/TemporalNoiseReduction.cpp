@@ -65,9 +65,29 @@ TemporalNoiseReduction::TemporalNoiseReduction(int controlGain, int globalThresh
 {
 }
 
+TemporalNoiseReduction::TemporalNoiseReduction(const TemporalNoiseReductionOptions& options)
+    : TemporalNoiseReduction(options.controlGain, options.globalThreshold, options.feedbackFactor, options.hwUnits)
+{
+    const std::string problem = options.validate();
+    if (!problem.empty())
+        KRO_THROW(problem);
+    mThreads = options.threads;
+}
+
+TemporalNoiseReductionOptions TemporalNoiseReduction::getOptions() const
+{
+    TemporalNoiseReductionOptions o;
+    o.controlGain = mControlGain;
+    o.globalThreshold = mGlobalThreshold;
+    o.feedbackFactor = mFeedbackFactor;
+    o.hwUnits = mHwUnits;
+    o.threads = mThreads;
+    return o;
+}
+
 bool TemporalNoiseReduction::setControlGain(int controlGain)
 {
-    if (static_cast<unsigned>(controlGain) > 10u)
+    if (!filter_rules::controlGain(controlGain).empty())
         return false;
     mControlGain = controlGain;
     return true;
@@ -75,7 +95,7 @@ bool TemporalNoiseReduction::setControlGain(int controlGain)
 
 bool TemporalNoiseReduction::setFeedbackFactor(int feedbackFactor)
 {
-    if (static_cast<unsigned>(feedbackFactor) > 100u)
+    if (!filter_rules::feedbackFactor(feedbackFactor).empty())
         return false;
     mFeedbackFactor = feedbackFactor;
     return true;
@@ -83,7 +103,7 @@ bool TemporalNoiseReduction::setFeedbackFactor(int feedbackFactor)
 
 bool TemporalNoiseReduction::setGlobalThreshold(int globalThreshold)
 {
-    if (static_cast<unsigned>(globalThreshold) > 100u)
+    if (!filter_rules::globalThreshold(globalThreshold).empty())
         return false;
     mGlobalThreshold = globalThreshold;
     return true;
@@ -103,7 +123,7 @@ int TemporalNoiseReduction::getAlphaHw() const
 
 bool TemporalNoiseReduction::setThreads(int threads)
 {
-    if (threads < 0)
+    if (!filter_rules::threads(threads).empty())
         return false;
     mThreads = threads;
     return true;

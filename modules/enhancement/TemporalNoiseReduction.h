@@ -6,6 +6,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "FilterOptions.h"
 #include "KroLibExport.h"
 
 namespace velmor {
@@ -41,6 +42,10 @@ public:
     static const std::array<std::int32_t, 1024> mAlphaTab;
 
     TemporalNoiseReduction(int controlGain, int globalThreshold, int feedbackFactor, bool hwUnits);
+    // A filter with `options` applied; throws velmor::kro::Exception with
+    // options.validate()'s text when a value is refused.
+    explicit TemporalNoiseReduction(const TemporalNoiseReductionOptions& options);
+    TemporalNoiseReductionOptions getOptions() const;
     TemporalNoiseReduction(const TemporalNoiseReduction&) = default;
     TemporalNoiseReduction& operator=(const TemporalNoiseReduction&) = default;
     ~TemporalNoiseReduction() = default;

@@ -1,5 +1,6 @@
 #include "FilterFrames.h"
 
+#include <climits>
 #include <iostream>
 
 #include "Command.h"
@@ -82,6 +83,15 @@ int runInt16Filter(const std::string& command, const InputSpec& input, const Out
         std::cerr << "kroenhance " << command << ": warning: " << clipped
                   << " samples outside the signed 16-bit range were clipped\n";
     return status;
+}
+
+int filterOption(Cli& cli, const std::string& name, int fallback, std::string (*rule)(long long))
+{
+    const long long value = cli.intOption(name, fallback, INT_MIN, INT_MAX);
+    const std::string problem = rule(value);
+    if (!problem.empty())
+        throw UsageError("option " + name + ": " + problem);
+    return static_cast<int>(value);
 }
 
 } // namespace kroenhance

@@ -9,6 +9,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "Cli.h"
 #include "FrameIO.h"
 
 namespace kroenhance {
@@ -37,5 +38,10 @@ int runFrameFilter(const std::string& command, const InputSpec& input, const Out
 // the output keeps the depth of the input frames.
 int runInt16Filter(const std::string& command, const InputSpec& input, const OutputSpec& output,
                    const std::function<void(const cv::Mat_<short>&, cv::Mat_<short>&)>& filter);
+
+// An integer option of a filter, judged by the library's rule for it (the
+// same the filter's setter applies): a refused value throws UsageError
+// "option NAME: <problem>".
+int filterOption(Cli& cli, const std::string& name, int fallback, std::string (*rule)(long long));
 
 } // namespace kroenhance

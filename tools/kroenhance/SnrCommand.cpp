@@ -29,11 +29,12 @@ int runSnr(const std::vector<std::string>& args)
                      "  kroenhance snr --gain 3 frame.png -o frame_snr.png\n";
         return kExitOk;
     }
-    const int gain = static_cast<int>(cli.intOption("--gain", 6, 0, 31));
+    velmor::kro::SpatialNoiseRemoverOptions options;
+    options.gain = filterOption(cli, "--gain", options.gain, velmor::kro::filter_rules::spatialGain);
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
 
-    velmor::kro::SpatialNoiseRemover filter(gain);
+    velmor::kro::SpatialNoiseRemover filter(options);
     return runInt16Filter("snr", input, output,
                           [&](const cv::Mat_<short>& in, cv::Mat_<short>& out) { filter.process(in, out); });
 }

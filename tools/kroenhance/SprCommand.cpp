@@ -33,13 +33,15 @@ int runSpr(const std::vector<std::string>& args)
                      "  kroenhance spr --threshold 30 --frame-limit 8 recording.tif -o clean.tif\n";
         return kExitOk;
     }
-    const int threshold = static_cast<int>(cli.intOption("--threshold", 22, 0, 100));
-    const int lineLimit = static_cast<int>(cli.intOption("--line-limit", 12, 0, 31));
-    const int frameLimit = static_cast<int>(cli.intOption("--frame-limit", 16, 0, 31));
+    velmor::kro::StaticPatternRemoverOptions options;
+    namespace rules = velmor::kro::filter_rules;
+    options.threshold = filterOption(cli, "--threshold", options.threshold, rules::patternThreshold);
+    options.lineLimit = filterOption(cli, "--line-limit", options.lineLimit, rules::patternLimit);
+    options.frameLimit = filterOption(cli, "--frame-limit", options.frameLimit, rules::patternLimit);
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
 
-    velmor::kro::StaticPatternRemover filter(threshold, lineLimit, frameLimit);
+    velmor::kro::StaticPatternRemover filter(options);
     return runInt16Filter("spr", input, output,
                           [&](const cv::Mat_<short>& in, cv::Mat_<short>& out) { filter.process(in, out); });
 }

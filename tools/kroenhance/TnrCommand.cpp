@@ -36,14 +36,16 @@ int runTnr(const std::vector<std::string>& args)
                      "  kroenhance tnr --feedback-factor 80 frames_*.png -o tnr_%04d.png\n";
         return kExitOk;
     }
-    const int gain = static_cast<int>(cli.intOption("--control-gain", 10, 0, 10));
-    const int threshold = static_cast<int>(cli.intOption("--global-threshold", 15, 0, 100));
-    const int factor = static_cast<int>(cli.intOption("--feedback-factor", 60, 0, 100));
-    const bool hwUnits = cli.flag("--hw-units");
+    velmor::kro::TemporalNoiseReductionOptions options;
+    namespace rules = velmor::kro::filter_rules;
+    options.controlGain = filterOption(cli, "--control-gain", options.controlGain, rules::controlGain);
+    options.globalThreshold = filterOption(cli, "--global-threshold", options.globalThreshold, rules::globalThreshold);
+    options.feedbackFactor = filterOption(cli, "--feedback-factor", options.feedbackFactor, rules::feedbackFactor);
+    options.hwUnits = cli.flag("--hw-units");
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
 
-    velmor::kro::TemporalNoiseReduction filter(gain, threshold, factor, hwUnits);
+    velmor::kro::TemporalNoiseReduction filter(options);
     return runInt16Filter("tnr", input, output,
                           [&](const cv::Mat_<short>& in, cv::Mat_<short>& out) { filter.process(in, out); });
 }
