@@ -6,6 +6,7 @@
 
 #include "SrFloatConvolution.h"
 #include "detail/FlowRowSums.h"
+#include "detail/FlowStep.h"
 #include "detail/Parallel.h"
 
 // The correlation peak and the optical-flow step of the phase-correlation
@@ -168,15 +169,18 @@ PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shif
             c -= rowFlow[5 * row + 4];
         }
     }
-    // Least squares of sum (gx u + gy v + d)^2: the linearisation of
-    // current(x + D) = reference(x - r) is d = -(gx r.x + gy r.y), so (u, v)
-    // is the remainder r with the same sign as the integer shift D and the
-    // complete shift is D + (u, v).
-    const double det = a * c - b * b;
-    const double u = (b * by - c * bx) / det;
-    const double v = (b * bx - a * by) / det;
-    const bool solved =
-        det > kMinRelativeDeterminant * (a + c) * (a + c) && std::isfinite(u) && std::isfinite(v);
+    // The remainder (u, v) has the sign of the integer shift D; the complete
+    // shift is D + (u, v).
+    detail::FlowSums sums;
+    sums.xx = a;
+    sums.xy = b;
+    sums.yy = c;
+    sums.gxIt = bx;
+    sums.gyIt = by;
+    const detail::FlowStep step = detail::solveFlowStep(sums, kMinRelativeDeterminant);
+    const bool solved = step.solved;
+    const double u = step.dx;
+    const double v = step.dy;
 
     PointF result(static_cast<float>(dx), static_cast<float>(dy));
     int cx0 = 0, cx1 = 0, cy0 = 0, cy1 = 0;
@@ -186,7 +190,7 @@ PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shif
         const float vf = static_cast<float>(v);
         // Normalised by the overlap's gradient energy, the error does not
         // depend on the intensity scale of the frames.
-        const float invEnergy = static_cast<float>(1.0 / (a + c));
+        const float invEnergy = static_cast<float>(1.0 / step.energy);
         team.forRows(y0, y1, [&](int begin, int end) {
             for (int y = begin; y < end; ++y) {
                 const float* reference = blurredReference[y];

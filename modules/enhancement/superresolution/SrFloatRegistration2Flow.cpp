@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "SrFloatConvolution.h"
+#include "detail/FlowStep.h"
 #include "detail/Parallel.h"
 #include "detail/ShiftFrame.h"
 #include "detail/Throw.h"
@@ -267,26 +268,23 @@ void SrFloatRegistration2::denseSolve(const parallel::Team& team)
             sumGxIt += sums[3];
             sumGyIt += sums[4];
         }
-        // The cut frame is the reference moved by the residual r, so to first
-        // order It = -(gx rx + gy ry); least squares gives the normal
-        // equations [Sxx Sxy; Sxy Syy] r = -(sum gx It, sum gy It). Sxt and
-        // Syt pair It with the gradient of the other axis, which makes the
-        // closed form below that solution (the shift has the frame-minus-
-        // reference sign of the corner displacements).
-        const double Sxt = sumGyIt;
-        const double Syt = sumGxIt;
-        const double det = Syy * Sxx - Sxy * Sxy;
-        const double dx = (Sxy * Sxt - Syy * Syt) / det;
-        const double dy = (Sxy * Syt - Sxx * Sxt) / det;
-        const double energy = Sxx + Syy;
-        // No gradient in some direction (flat or striped frames): keep the
-        // integer shift and leave the mask empty, so the frame is dropped.
-        if (det > 0.0 && energy > 0.0 && std::isfinite(dx) && std::isfinite(dy)) {
+        // The corners have already been tracked, so any positive determinant
+        // will do. No gradient in some direction (flat or striped frames):
+        // keep the integer shift and leave the mask empty, so the frame is
+        // dropped.
+        detail::FlowSums sums;
+        sums.xx = Sxx;
+        sums.xy = Sxy;
+        sums.yy = Syy;
+        sums.gxIt = sumGxIt;
+        sums.gyIt = sumGyIt;
+        const detail::FlowStep step = detail::solveFlowStep(sums, 0.0);
+        if (step.solved) {
             state.valid = true;
-            state.stepX = static_cast<float>(dx);
-            state.stepY = static_cast<float>(dy);
-            state.invEnergy = static_cast<float>(1.0 / energy);
-            state.result = PointF(static_cast<float>(shift.x + dx), static_cast<float>(shift.y + dy));
+            state.stepX = static_cast<float>(step.dx);
+            state.stepY = static_cast<float>(step.dy);
+            state.invEnergy = static_cast<float>(1.0 / step.energy);
+            state.result = PointF(static_cast<float>(shift.x + step.dx), static_cast<float>(shift.y + step.dy));
         }
     }
     });
