@@ -228,6 +228,20 @@ private:
     void classifyRowByValue_(const cv::Mat_<float>& frame, cv::Mat_<unsigned char>& map, int y) const;
     void classify_(const cv::Mat_<float>& frame, cv::Mat_<unsigned char>& map, float& goodMin,
                    float& goodMax, bool& anyGood);
+    // The steps of classify_ (see there).
+    struct FrameStatistics {
+        std::size_t usable = 0;  // good values
+        std::size_t judged = 0;  // good pixels with enough good neighbours
+        double typical = 0.0;    // median neighbourhood spread
+        double range = 0.0;      // 99th minus 1st percentile of the good values
+        bool nanSpread = false;  // some spread is NaN (infinite values)
+    };
+    void measureRow_(const cv::Mat_<float>& frame, const cv::Mat_<unsigned char>& map, int y,
+                     std::uint32_t* spreadBins, std::uint32_t* valueBins, bool& nanSeen);
+    void selectStatistics_(const cv::Mat_<float>& frame, const cv::Mat_<unsigned char>& map, int teamSize,
+                           int threads, FrameStatistics& stats);
+    void markOutlierRow_(const cv::Mat_<float>& frame, cv::Mat_<unsigned char>& map, int y,
+                         const FrameStatistics& stats);
     cv::Mat_<unsigned char>& nextDefectMap_(const cv::Mat_<float>& frame);
 
     unsigned int nFrames;
