@@ -15,6 +15,10 @@ namespace kro {
 namespace parallel {
 class Team;
 } // namespace parallel
+namespace detail {
+struct FlowSums;
+struct FlowStep;
+} // namespace detail
 
 // Registration of the float super-resolution engine by phase correlation
 // and one optical-flow step.
@@ -164,6 +168,10 @@ private:
     //  - opticalFlow: the complete shift from the integer shift, and the mask.
     PointI phaseCorrelation(const parallel::Team& team);
     PointF opticalFlow(const parallel::Team& team, PointI shift, char* mask);
+    // The steps of opticalFlow.
+    detail::FlowSums flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1, int fy0, int fy1);
+    void flowError(const parallel::Team& team, PointI shift, const detail::FlowStep& step, const cv::Rect& overlap);
+    void flowMask(const parallel::Team& team, const cv::Rect& cells, char* mask);
 
     void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
     void shiftFrame(float* frame, PointF& shift, float* out);

@@ -104,55 +104,37 @@ PointI SrFloatRegistration1::phaseCorrelation(const parallel::Team& team)
     return unwrapPeak(index, width, height);
 }
 
-PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shift, char* mask)
+// The sums of the flow step over the flow region [fx0, fx1) x [fy0, fy1):
+// per row on the team, then the rows combined in row order by every thread
+// (the tensor as the whole image's minus the excluded rows and columns).
+detail::FlowSums SrFloatRegistration1::flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1,
+                                                      int fy0, int fy1)
 {
     const int w = width;
     const int h = height;
-    const int dx = shift.x;
-    const int dy = shift.y;
-    // Overlap: reference pixel (x, y) meets the current frame's (x + dx, y + dy).
-    int x0, x1, y0, y1;
-    overlapRange(dx, w, x0, x1);
-    overlapRange(dy, h, y0, y1);
-    // The flow is solved on the part of the overlap where the two blurred
-    // images are alike: near a frame's border its blur is limited to the
-    // frame's own pixels, which moves it towards the inside; where only one
-    // of the two is so limited (a non-zero shift along that axis), the
-    // difference shows a false motion that would bias the step by up to a
-    // tenth of a pixel on smooth shading. With a zero shift along an axis
-    // both are limited alike and the whole extent is used.
-    int fx0, fx1, fy0, fy1;
-    flowRange(dx, w, gaussRadius, x0, x1, fx0, fx1);
-    flowRange(dy, h, gaussRadius, y0, y1, fy0, fy1);
-
     // Per flow row: b = (sum gx d, sum gy d) with d = current(x + D) -
     // reference(x), and the tensor of the columns outside the flow region.
     team.forRows(0, h, [&](int begin, int end) {
-    for (int y = begin; y < end; ++y) {
-        double* sums = &rowFlow[5 * static_cast<std::size_t>(y)];
-        if (y < fy0 || y >= fy1) {
-            std::fill(sums, sums + 5, 0.0);
-            continue;
+        for (int y = begin; y < end; ++y) {
+            double* sums = &rowFlow[5 * static_cast<std::size_t>(y)];
+            if (y < fy0 || y >= fy1) {
+                std::fill(sums, sums + 5, 0.0);
+                continue;
+            }
+            const float* gx = gradX[y];
+            const float* gy = gradY[y];
+            double bx, by;
+            detail::flowSums(gx, gy, blurredCurrent[y + shift.y], shift.x, blurredReference[y], fx0, fx1, bx, by);
+            double xx = 0.0, xy = 0.0, yy = 0.0;
+            detail::tensorSums(gx, gy, 0, fx0, xx, xy, yy);
+            detail::tensorSums(gx, gy, fx1, w, xx, xy, yy);
+            sums[0] = bx;
+            sums[1] = by;
+            sums[2] = xx;
+            sums[3] = xy;
+            sums[4] = yy;
         }
-        const float* reference = blurredReference[y];
-        const float* current = blurredCurrent[y + dy];
-        const float* gx = gradX[y];
-        const float* gy = gradY[y];
-        double bx, by;
-        detail::flowSums(gx, gy, current, dx, reference, fx0, fx1, bx, by);
-        double xx = 0.0, xy = 0.0, yy = 0.0;
-        detail::tensorSums(gx, gy, 0, fx0, xx, xy, yy);
-        detail::tensorSums(gx, gy, fx1, w, xx, xy, yy);
-        sums[0] = bx;
-        sums[1] = by;
-        sums[2] = xx;
-        sums[3] = xy;
-        sums[4] = yy;
-    }
     });
-
-    // Tensor of the flow region = whole-image tensor minus the excluded rows
-    // and columns; every thread combines the rows in the same order.
     double a = tensorXX, b = tensorXY, c = tensorYY;
     double bx = 0.0, by = 0.0;
     for (int y = 0; y < h; ++y) {
@@ -169,75 +151,62 @@ PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shif
             c -= rowFlow[5 * row + 4];
         }
     }
-    // The remainder (u, v) has the sign of the integer shift D; the complete
-    // shift is D + (u, v).
     detail::FlowSums sums;
     sums.xx = a;
     sums.xy = b;
     sums.yy = c;
     sums.gxIt = bx;
     sums.gyIt = by;
-    const detail::FlowStep step = detail::solveFlowStep(sums, kMinRelativeDeterminant);
-    const bool solved = step.solved;
-    const double u = step.dx;
-    const double v = step.dy;
+    return sums;
+}
 
-    PointF result(static_cast<float>(dx), static_cast<float>(dy));
-    int cx0 = 0, cx1 = 0, cy0 = 0, cy1 = 0;
-    if (solved) {
-        result = PointF(static_cast<float>(dx + u), static_cast<float>(dy + v));
-        const float uf = static_cast<float>(u);
-        const float vf = static_cast<float>(v);
-        // Normalised by the overlap's gradient energy, the error does not
-        // depend on the intensity scale of the frames.
-        const float invEnergy = static_cast<float>(1.0 / step.energy);
-        team.forRows(y0, y1, [&](int begin, int end) {
-            for (int y = begin; y < end; ++y) {
-                const float* reference = blurredReference[y];
-                const float* current = blurredCurrent[y + dy];
-                const float* gx = gradX[y];
-                const float* gy = gradY[y];
-                float* e = errorImage[y];
-                for (int x = x0; x < x1; ++x) {
-                    const float r = gx[x] * uf + gy[x] * vf + (current[x + dx] - reference[x]);
-                    e[x] = r * r * invEnergy;
-                }
+// The residual of the solved step over the overlap, normalised by the
+// gradient energy (so that it does not depend on the intensity scale of the
+// frames), then its mean over the overlap (the window clipped at the
+// overlap's border, the radius limited to what the overlap holds).
+void SrFloatRegistration1::flowError(const parallel::Team& team, PointI shift, const detail::FlowStep& step,
+                                     const cv::Rect& overlap)
+{
+    const float uf = static_cast<float>(step.dx);
+    const float vf = static_cast<float>(step.dy);
+    const float invEnergy = static_cast<float>(1.0 / step.energy);
+    const int x0 = overlap.x, x1 = overlap.x + overlap.width;
+    team.forRows(overlap.y, overlap.y + overlap.height, [&](int begin, int end) {
+        for (int y = begin; y < end; ++y) {
+            const float* reference = blurredReference[y];
+            const float* current = blurredCurrent[y + shift.y];
+            const float* gx = gradX[y];
+            const float* gy = gradY[y];
+            float* e = errorImage[y];
+            for (int x = x0; x < x1; ++x) {
+                const float r = gx[x] * uf + gy[x] * vf + (current[x + shift.x] - reference[x]);
+                e[x] = r * r * invEnergy;
             }
-        });
-        // The error exists on the overlap only, so the mean runs over that
-        // rectangle (its window clipped at the rectangle's border, the radius
-        // limited to what the rectangle holds).
-        team.single([&] {
-            try {
-                const cv::Rect overlap(x0, y0, x1 - x0, y1 - y0);
-                cv::Mat_<float> source = errorImage(overlap);
-                cv::Mat_<float> target = blurredError(overlap);
-                const int radius =
-                    std::min(regErrBlurRadius, std::min((overlap.width - 1) / 2, (overlap.height - 1) / 2));
-                SrFloatConvolution::blurImageMeanFilter(source, radius, target);
-            } catch (...) {
-                regionFailure = std::current_exception();
-            }
-        });
-        // Mask cells: the pixels of the work frame that the cut fills
-        // (rounded complete shift, as shiftFrame rounds it) and for which the
-        // error was measured. Their coordinates are those of the reference
-        // grid, which is also the work frame's.
-        int rx0, rx1, ry0, ry1;
-        roundedOverlapRange(result.x, w, rx0, rx1);
-        roundedOverlapRange(result.y, h, ry0, ry1);
-        cx0 = std::max(x0, rx0);
-        cx1 = std::max(cx0, std::min(x1, rx1));
-        cy0 = std::max(y0, ry0);
-        cy1 = std::max(cy0, std::min(y1, ry1));
-        if (regionFailure)
-            cx1 = cx0;
-    }
+        }
+    });
+    team.single([&] {
+        try {
+            cv::Mat_<float> source = errorImage(overlap);
+            cv::Mat_<float> target = blurredError(overlap);
+            const int radius =
+                std::min(regErrBlurRadius, std::min((overlap.width - 1) / 2, (overlap.height - 1) / 2));
+            SrFloatConvolution::blurImageMeanFilter(source, radius, target);
+        } catch (...) {
+            regionFailure = std::current_exception();
+        }
+    });
+}
 
-    team.forRows(0, h, [&](int begin, int end) {
+// The mask: 1 where the averaged error is below regError inside `cells`,
+// 0 everywhere else.
+void SrFloatRegistration1::flowMask(const parallel::Team& team, const cv::Rect& cells, char* mask)
+{
+    const int w = width;
+    const int cx0 = cells.x, cx1 = cells.x + cells.width;
+    team.forRows(0, height, [&](int begin, int end) {
         for (int y = begin; y < end; ++y) {
             char* m = mask + static_cast<std::size_t>(y) * w;
-            if (y < cy0 || y >= cy1 || cx0 == cx1) {
+            if (y < cells.y || y >= cells.y + cells.height || cx0 == cx1) {
                 std::memset(m, 0, static_cast<std::size_t>(w));
                 continue;
             }
@@ -248,6 +217,50 @@ PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shif
             std::memset(m + cx1, 0, static_cast<std::size_t>(w - cx1));
         }
     });
+}
+
+PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shift, char* mask)
+{
+    const int w = width;
+    const int h = height;
+    // Overlap: reference pixel (x, y) meets the current frame's (x + dx, y + dy).
+    int x0, x1, y0, y1;
+    overlapRange(shift.x, w, x0, x1);
+    overlapRange(shift.y, h, y0, y1);
+    // The flow is solved on the part of the overlap where the two blurred
+    // images are alike: near a frame's border its blur is limited to the
+    // frame's own pixels, which moves it towards the inside; where only one
+    // of the two is so limited (a non-zero shift along that axis), the
+    // difference shows a false motion that would bias the step by up to a
+    // tenth of a pixel on smooth shading. With a zero shift along an axis
+    // both are limited alike and the whole extent is used.
+    int fx0, fx1, fy0, fy1;
+    flowRange(shift.x, w, gaussRadius, x0, x1, fx0, fx1);
+    flowRange(shift.y, h, gaussRadius, y0, y1, fy0, fy1);
+
+    // The remainder (u, v) has the sign of the integer shift D; the complete
+    // shift is D + (u, v).
+    const detail::FlowStep step =
+        detail::solveFlowStep(flowRegionSums(team, shift, fx0, fx1, fy0, fy1), kMinRelativeDeterminant);
+    PointF result(static_cast<float>(shift.x), static_cast<float>(shift.y));
+    cv::Rect cells;
+    if (step.solved) {
+        result = PointF(static_cast<float>(shift.x + step.dx), static_cast<float>(shift.y + step.dy));
+        flowError(team, shift, step, cv::Rect(x0, y0, x1 - x0, y1 - y0));
+        // Mask cells: the pixels of the work frame that the cut fills
+        // (rounded complete shift, as shiftFrame rounds it) and for which the
+        // error was measured. Their coordinates are those of the reference
+        // grid, which is also the work frame's.
+        int rx0, rx1, ry0, ry1;
+        roundedOverlapRange(result.x, w, rx0, rx1);
+        roundedOverlapRange(result.y, h, ry0, ry1);
+        const int cx0 = std::max(x0, rx0);
+        const int cx1 = regionFailure ? cx0 : std::max(cx0, std::min(x1, rx1));
+        const int cy0 = std::max(y0, ry0);
+        const int cy1 = std::max(cy0, std::min(y1, ry1));
+        cells = cv::Rect(cx0, cy0, cx1 - cx0, cy1 - cy0);
+    }
+    flowMask(team, cells, mask);
     return result;
 }
 
