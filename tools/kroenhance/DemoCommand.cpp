@@ -230,167 +230,97 @@ std::string shiftText(float x, float y)
     return "(" + fixed(x, 3) + ", " + fixed(y, 3) + ")";
 }
 
-int runDemo(const std::vector<std::string>& args)
+// Super-resolution method k of the demo (0, 1: the global-motion engine
+// with corner and phase registration; 2: the local-motion engine) on the
+// burst, reconstructed kTimingRuns times by fresh engines; the median time is
+// reported (one run on a busy machine says little).
+Method reconstructBurst(const krotools::Burst& burst, int k, double psfSigma)
 {
-    Cli cli(args);
-    if (cli.helpRequested()) {
-        std::cout << kDemoHelp;
-        return kExitOk;
+    const cv::Size lowSize = burst.frames[0].size();
+    Method m;
+    SrSettings settings;
+    settings.motion = k < 2 ? SrMotion::Global : SrMotion::Local;
+    settings.engine = k == 0 ? SrEngine::Corners : SrEngine::Phase;
+    // Every engine is told the blur the burst was made with.
+    settings.psfSigma = psfSigma;
+    settings.psfSigmaGiven = true;
+    const std::string name = k < 2 ? srEngineName(settings.engine) : "local";
+    m.file = "sr_" + name;
+    m.title = "SR " + name;
+    m.longName = k < 2 ? "Super-resolution, global motion, " + name + " registration"
+                       : std::string("Super-resolution, local motion");
+    m.timed = true;
+    // The burst is reconstructed a few times by fresh engines and the
+    // median time is reported: one run on a busy machine says little.
+    std::vector<SrFrameRecord> runs;
+    for (int run = 0; run < kTimingRuns; ++run) {
+        SrSession session(settings, lowSize);
+        bool produced = false;
+        cv::Mat_<float> image;
+        SrFrameRecord record;
+        for (const cv::Mat_<float>& frame : burst.frames)
+            produced = session.addFrame(frame, image, record);
+        if (!produced)
+            throw RunError("the engine produced no frame from the burst");
+        if (run == 0)
+            m.image = image;
+        else if (cv::norm(image, m.image, cv::NORM_INF) != 0.0)
+            throw RunError("the " + name + " reconstruction of the same burst differs between runs");
+        runs.push_back(record);
     }
-    const std::string outDir = cli.stringOption("-o", "demo-out");
-    if (outDir.empty())
-        throw UsageError("option -o needs a folder name");
-    int cropWidth = 0, cropHeight = 0;
-    cli.sizeOption("--crop", cropWidth, cropHeight);
-    const std::string scenePath = cli.stringOption("--scene", "");
-    const double noise = cli.doubleOption("--noise", kDefaultNoise, 0.0, 1e6);
-    const long long seed = cli.intOption("--seed", 1, 0, static_cast<long long>(1) << 53);
-    const std::vector<std::string> extra = cli.positionals(0);
-    if (!extra.empty())
-        throw UsageError("demo takes no input files (see --scene), got " + inQuotes(extra[0]));
-    if (cropWidth > 0 && (cropWidth < kMinTruthSide || cropHeight < kMinTruthSide))
-        throw UsageError("option --crop: the truth must be at least " + std::to_string(kMinTruthSide) + "x" +
-                         std::to_string(kMinTruthSide) + " pixels");
+    std::nth_element(runs.begin(), runs.begin() + kTimingRuns / 2, runs.end(),
+                     [](const SrFrameRecord& a, const SrFrameRecord& b) { return a.totalMs < b.totalMs; });
+    m.record = runs[kTimingRuns / 2];
+    if (m.record.fallback())
+        std::cerr << "kroenhance demo: warning: the " << name << " reconstruction failed (" << m.record.message
+                  << "); its figures are those of the bicubic enlargement\n";
+    return m;
+}
 
-    const std::string source = scenePath.empty() ? findBundledStill() : scenePath;
-    const cv::Mat_<float> scene = loadScene(source);
-    cv::Size truthSize = cropWidth > 0 ? cv::Size(cropWidth, cropHeight) : scene.size();
-    if (truthSize.width > scene.cols || truthSize.height > scene.rows)
-        throw UsageError("option --crop: " + std::to_string(truthSize.width) + "x" +
-                         std::to_string(truthSize.height) + " is larger than the " + std::to_string(scene.cols) +
-                         "x" + std::to_string(scene.rows) + " scene");
-    truthSize.width -= truthSize.width % kFactor;
-    truthSize.height -= truthSize.height % kFactor;
-    if (truthSize.width < kMinTruthSide || truthSize.height < kMinTruthSide)
-        throw RunError("the scene " + inQuotes(source) + " is smaller than " + std::to_string(kMinTruthSide) +
-                       "x" + std::to_string(kMinTruthSide) + " pixels");
-    const cv::Rect crop((scene.cols - truthSize.width) / 2 / kFactor * kFactor,
-                        (scene.rows - truthSize.height) / 2 / kFactor * kFactor, truthSize.width, truthSize.height);
-
-    Staging staging(outDir);
-
-    // The burst, with the reference frame where the engine takes it.
-    const SrSettings defaults;
+// What went into the demo and what came out, for summary.md and the console.
+struct DemoRun {
+    std::string source;
+    bool bundled = true;
+    cv::Size sceneSize;
+    cv::Rect crop;
+    krotools::Burst burst;
     krotools::BurstSettings burstSettings;
-    burstSettings.frames = defaults.window;
-    burstSettings.factor = kFactor;
-    burstSettings.psfSigma = defaults.psfSigma;
-    burstSettings.noise = noise;
-    burstSettings.maxShift = kMaxShift;
-    burstSettings.referencePosition = std::max(0, defaults.window - defaults.referenceIndex - 1);
-    burstSettings.bitDepth = 16;
-    burstSettings.seed = static_cast<std::uint64_t>(seed);
-    const krotools::Burst burst = krotools::generateBurst(scene(crop).clone(), burstSettings);
-    const cv::Mat_<float>& truth = burst.truth;
-    const cv::Mat_<float>& reference = burst.frames[burstSettings.referencePosition];
-    const cv::Size lowSize = reference.size();
-
-    std::vector<Method> methods(5);
-    methods[0].file = "reference_nearest";
-    methods[0].title = "reference, pixel replication";
-    methods[0].longName = "Reference frame, pixel replication";
-    cv::resize(reference, methods[0].image, truth.size(), 0.0, 0.0, cv::INTER_NEAREST);
-    methods[1].file = "reference_bicubic";
-    methods[1].title = "reference, bicubic";
-    methods[1].longName = "Reference frame, bicubic";
-    cv::resize(reference, methods[1].image, truth.size(), 0.0, 0.0, cv::INTER_CUBIC);
-    for (int k = 0; k < 3; ++k) {
-        // The two global-motion registrations, then local motion (the sr
-        // command's default).
-        SrSettings settings;
-        settings.motion = k < 2 ? SrMotion::Global : SrMotion::Local;
-        settings.engine = k == 0 ? SrEngine::Corners : SrEngine::Phase;
-        // Every engine is told the blur the burst was made with.
-        settings.psfSigma = burstSettings.psfSigma;
-        settings.psfSigmaGiven = true;
-        const std::string name = k < 2 ? srEngineName(settings.engine) : "local";
-        Method& m = methods[2 + k];
-        m.file = "sr_" + name;
-        m.title = "SR " + name;
-        m.longName = k < 2 ? "Super-resolution, global motion, " + name + " registration"
-                           : std::string("Super-resolution, local motion");
-        m.timed = true;
-        // The burst is reconstructed a few times by fresh engines and the
-        // median time is reported: one run on a busy machine says little.
-        std::vector<SrFrameRecord> runs;
-        for (int run = 0; run < kTimingRuns; ++run) {
-            SrSession session(settings, lowSize);
-            bool produced = false;
-            cv::Mat_<float> image;
-            SrFrameRecord record;
-            for (const cv::Mat_<float>& frame : burst.frames)
-                produced = session.addFrame(frame, image, record);
-            if (!produced)
-                throw RunError("the engine produced no frame from the burst");
-            if (run == 0)
-                m.image = image;
-            else if (cv::norm(image, m.image, cv::NORM_INF) != 0.0)
-                throw RunError("the " + name + " reconstruction of the same burst differs between runs");
-            runs.push_back(record);
-        }
-        std::nth_element(runs.begin(), runs.begin() + kTimingRuns / 2, runs.end(),
-                         [](const SrFrameRecord& a, const SrFrameRecord& b) { return a.totalMs < b.totalMs; });
-        m.record = runs[kTimingRuns / 2];
-        if (m.record.fallback())
-            std::cerr << "kroenhance demo: warning: the " << name << " reconstruction failed (" << m.record.message
-                      << "); its figures are those of the bicubic enlargement\n";
-    }
-
-    const int border = std::max(4, std::min(16, std::min(truth.cols, truth.rows) / 16));
+    double noise = 0.0;
+    std::vector<Method> methods;
+    int border = 0;
     double truthMin = 0.0, truthMax = 0.0;
-    cv::minMaxLoc(truth, &truthMin, &truthMax);
-    for (Method& m : methods)
-        m.quality = krotools::measureQuality(truth, m.image, border);
+    std::string framesName, truthName;
+};
 
-    // Images.
-    writePng16(staging.file("truth.png"), truth);
-    for (const Method& m : methods) {
-        writePng16(staging.file(m.file + ".png"), m.image);
-        if (m.timed)
-            writePfm(staging.file(m.file + ".pfm"), m.image);
-    }
-    std::vector<ComparisonPanel> panels;
-    panels.push_back({"ground truth", fixed(truthMin, 0) + " .. " + fixed(truthMax, 0) + " counts", truth});
-    for (const Method& m : methods)
-        panels.push_back({m.title, "PSNR " + fixed(m.quality.psnr, 2) + " dB  SSIM " + fixed(m.quality.ssim, 4),
-                          m.image});
-    const DisplayRange range = percentileRange(truth, kLowPercentile, kHighPercentile);
-    // The detail is chosen away from the frame's edges, which no method
-    // reconstructs well and the figures leave out too.
-    const cv::Rect inner(border, border, truth.cols - 2 * border, truth.rows - 2 * border);
-    const cv::Rect detail = detailRegion(truth(inner), cv::Size(truth.cols / kDetailZoom, truth.rows / kDetailZoom)) +
-                            inner.tl();
-    writePng8(staging.file("comparison.png"), comparisonImage(panels, range, detail, kDetailZoom));
-    krotools::writeBurst(burst, staging.folder(), "burst");
-    std::ostringstream framesName;
-    framesName << "burst_frames_" << lowSize.width << "x" << lowSize.height << "x" << burst.frames.size()
-               << "_f32.raw";
-    const std::string truthName =
-        "burst_truth_" + std::to_string(truth.cols) + "x" + std::to_string(truth.rows) + "_f32.raw";
-    staging.file("burst.json");
-    staging.file(framesName.str());
-    staging.file(truthName);
-
-    // summary.md
-    const std::string sceneName = fs::path(source).filename().string();
+std::string summaryMarkdown(const DemoRun& r)
+{
+    const cv::Mat_<float>& truth = r.burst.truth;
+    const krotools::Burst& burst = r.burst;
+    const krotools::BurstSettings& burstSettings = r.burstSettings;
+    const std::vector<Method>& methods = r.methods;
+    const cv::Size lowSize = burst.frames[0].size();
+    const SrSettings defaults;
+    const std::string sceneName = fs::path(r.source).filename().string();
     std::ostringstream md;
     md << "# kroenhance demo\n\n"
-       << "Truth: `" << sceneName << "`" << (scenePath.empty() ? " (bundled LWIR still, see data/thermal/README.md)" : "")
+       << "Truth: `" << sceneName << "`" << (r.bundled ? " (bundled LWIR still, see data/thermal/README.md)" : "")
        << ", " << truth.cols << "x" << truth.rows;
-    if (crop.size() != scene.size())
-        md << " at (" << crop.x << ", " << crop.y << ") of the " << scene.cols << "x" << scene.rows << " image";
-    md << ", values " << fixed(truthMin, 0) << " to " << fixed(truthMax, 0) << ".\n\n"
+    if (r.crop.size() != r.sceneSize)
+        md << " at (" << r.crop.x << ", " << r.crop.y << ") of the " << r.sceneSize.width << "x" << r.sceneSize.height << " image";
+    md << ", values " << fixed(r.truthMin, 0) << " to " << fixed(r.truthMax, 0) << ".\n\n"
        << "Input: " << burst.frames.size() << " frames of " << lowSize.width << "x" << lowSize.height
        << " made from it as a camera would record them: shifted by known sub-pixel amounts (up to "
        << kMaxShift << " input pixel per axis), blurred by a Gaussian of sigma " << burstSettings.psfSigma
-       << " input pixels, averaged over 2x2 blocks, read noise of " << noise
+       << " input pixels, averaged over 2x2 blocks, read noise of " << r.noise
        << " counts, rounded to whole counts. Frame " << burstSettings.referencePosition
        << " is the reference (no shift), as the engine takes it (reference index " << defaults.referenceIndex
        << ").\n\n"
-       << "Super-resolution: `kroenhance sr` defaults (the C interface's settings): window " << defaults.window
+       << "Super-resolution, global motion: the C interface's settings: window " << defaults.window
        << ", reference index " << defaults.referenceIndex << ", TV weight " << defaults.tvWeight
        << ", registration error " << defaults.regError << ", relative residue " << defaults.relResidue
-       << ", iterations " << defaults.iterations << ", PSF sigma " << defaults.psfSigma << ".\n\n"
+       << ", iterations " << defaults.iterations << ", PSF sigma " << burstSettings.psfSigma
+       << ". Local motion (kroenhance sr's default): window " << defaults.window << ", reference index "
+       << defaults.referenceIndex << ", optics blur (--psf-sigma) " << burstSettings.psfSigma << ".\n\n"
        << "| Method | PSNR (dB) | SSIM | Time per frame (ms) | Offset removed (px) |\n"
        << "|---|---:|---:|---:|---:|\n";
     for (const Method& m : methods) {
@@ -398,7 +328,7 @@ int runDemo(const std::vector<std::string>& args)
            << (m.timed ? fixed(m.record.totalMs, 1) : std::string("-")) << " | "
            << shiftText(static_cast<float>(m.quality.offset.x), static_cast<float>(m.quality.offset.y)) << " |\n";
     }
-    md << "\nPSNR and SSIM against the truth over the image minus a border of " << border
+    md << "\nPSNR and SSIM against the truth over the image minus a border of " << r.border
        << " pixels, peak = the truth's range; each image is first moved onto the truth's sampling grid by "
           "the sub-pixel offset listed (a convention of each method, not an error). Time per frame: adding "
           "the newest frame and reconstructing, the median of "
@@ -432,24 +362,23 @@ int runDemo(const std::vector<std::string>& args)
        << "- `truth.png`, `reference_nearest.png`, `reference_bicubic.png`, `sr_corners.png`, `sr_phase.png`, `sr_local.png`: "
           "16-bit, in the input's counts\n"
        << "- `sr_corners.pfm`, `sr_phase.pfm`, `sr_local.pfm`: the reconstructions as floats, exact\n"
-       << "- `burst.json`, `" << framesName.str() << "`, `" << truthName
+       << "- `burst.json`, `" << r.framesName << "`, `" << r.truthName
        << "`: the input frames and the truth as raw f32, with the shifts\n"
        << "\nTo run the same reconstruction from the command line:\n\n"
        << "    kroenhance sr --size " << lowSize.width << "x" << lowSize.height << " --format f32 "
-       << framesName.str() << " -o sr.raw --report sr.json\n";
+       << r.framesName << " -o sr.raw --report sr.json\n";
 
-    {
-        std::FILE* file = std::fopen(staging.file("summary.md").c_str(), "wb");
-        const std::string text = md.str();
-        const bool ok = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
-        if (file && std::fclose(file) != 0)
-            throw RunError("cannot write summary.md into " + inQuotes(outDir));
-        if (!ok)
-            throw RunError("cannot write summary.md into " + inQuotes(outDir));
-    }
-    staging.commit();
+    return md.str();
+}
 
-    // What the user sees.
+// What the user sees on the console.
+void printResults(const DemoRun& r, const std::string& outDir)
+{
+    const cv::Mat_<float>& truth = r.burst.truth;
+    const krotools::Burst& burst = r.burst;
+    const std::vector<Method>& methods = r.methods;
+    const cv::Size lowSize = burst.frames[0].size();
+    const double noise = r.noise;
     std::cout << "kroenhance demo: " << truth.cols << "x" << truth.rows << " thermal image super-resolved from "
               << burst.frames.size() << " frames of " << lowSize.width << "x" << lowSize.height
               << " (known shifts, blur, noise " << noise << " counts)\n\n"
@@ -468,7 +397,173 @@ int runDemo(const std::vector<std::string>& args)
               << "  comparison.png  all of them side by side (detail enlarged below)\n"
               << "  summary.md      these figures, the shifts, the settings\n"
               << "  truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png\n"
-              << "  sr_local.png (16-bit), sr_*.pfm (float), burst.json + " << framesName.str() << " (the input)\n";
+              << "  sr_local.png (16-bit), sr_*.pfm (float), burst.json + " << r.framesName << " (the input)\n";
+}
+
+// The demo's command line, the scene and the truth's place in it.
+struct DemoRequest {
+    std::string outDir;
+    std::string scenePath;  // empty: the bundled still
+    std::string source;     // the scene actually read
+    double noise = 0.0;
+    long long seed = 1;
+    cv::Mat_<float> scene;
+    cv::Rect crop;
+};
+
+DemoRequest parseDemoRequest(Cli& cli)
+{
+    DemoRequest q;
+    q.outDir = cli.stringOption("-o", "demo-out");
+    if (q.outDir.empty())
+        throw UsageError("option -o needs a folder name");
+    int cropWidth = 0, cropHeight = 0;
+    cli.sizeOption("--crop", cropWidth, cropHeight);
+    q.scenePath = cli.stringOption("--scene", "");
+    q.noise = cli.doubleOption("--noise", kDefaultNoise, 0.0, 1e6);
+    q.seed = cli.intOption("--seed", 1, 0, static_cast<long long>(1) << 53);
+    const std::vector<std::string> extra = cli.positionals(0);
+    if (!extra.empty())
+        throw UsageError("demo takes no input files (see --scene), got " + inQuotes(extra[0]));
+    if (cropWidth > 0 && (cropWidth < kMinTruthSide || cropHeight < kMinTruthSide))
+        throw UsageError("option --crop: the truth must be at least " + std::to_string(kMinTruthSide) + "x" +
+                         std::to_string(kMinTruthSide) + " pixels");
+
+    q.source = q.scenePath.empty() ? findBundledStill() : q.scenePath;
+    q.scene = loadScene(q.source);
+    const cv::Mat_<float>& scene = q.scene;
+    cv::Size truthSize = cropWidth > 0 ? cv::Size(cropWidth, cropHeight) : scene.size();
+    if (truthSize.width > scene.cols || truthSize.height > scene.rows)
+        throw UsageError("option --crop: " + std::to_string(truthSize.width) + "x" +
+                         std::to_string(truthSize.height) + " is larger than the " + std::to_string(scene.cols) +
+                         "x" + std::to_string(scene.rows) + " scene");
+    truthSize.width -= truthSize.width % kFactor;
+    truthSize.height -= truthSize.height % kFactor;
+    if (truthSize.width < kMinTruthSide || truthSize.height < kMinTruthSide)
+        throw RunError("the scene " + inQuotes(q.source) + " is smaller than " + std::to_string(kMinTruthSide) +
+                       "x" + std::to_string(kMinTruthSide) + " pixels");
+    q.crop = cv::Rect((scene.cols - truthSize.width) / 2 / kFactor * kFactor,
+                        (scene.rows - truthSize.height) / 2 / kFactor * kFactor, truthSize.width, truthSize.height);
+
+    return q;
+}
+
+// Scores every method against the truth and writes the images, the
+// comparison and the burst into the staging folder (filling the run's
+// border, truth range, qualities and file names).
+void writeImages(Staging& staging, DemoRun& run)
+{
+    const cv::Mat_<float>& truth = run.burst.truth;
+    const krotools::Burst& burst = run.burst;
+    const cv::Size lowSize = burst.frames[0].size();
+    std::vector<Method>& methods = run.methods;
+    const int border = run.border = std::max(4, std::min(16, std::min(truth.cols, truth.rows) / 16));
+    double& truthMin = run.truthMin;
+    double& truthMax = run.truthMax;
+    cv::minMaxLoc(truth, &truthMin, &truthMax);
+    for (Method& m : methods)
+        m.quality = krotools::measureQuality(truth, m.image, border);
+
+    // Images.
+    writePng16(staging.file("truth.png"), truth);
+    for (const Method& m : methods) {
+        writePng16(staging.file(m.file + ".png"), m.image);
+        if (m.timed)
+            writePfm(staging.file(m.file + ".pfm"), m.image);
+    }
+    std::vector<ComparisonPanel> panels;
+    panels.push_back({"ground truth", fixed(truthMin, 0) + " .. " + fixed(truthMax, 0) + " counts", truth});
+    for (const Method& m : methods)
+        panels.push_back({m.title, "PSNR " + fixed(m.quality.psnr, 2) + " dB  SSIM " + fixed(m.quality.ssim, 4),
+                          m.image});
+    const DisplayRange range = percentileRange(truth, kLowPercentile, kHighPercentile);
+    // The detail is chosen away from the frame's edges, which no method
+    // reconstructs well and the figures leave out too.
+    const cv::Rect inner(border, border, truth.cols - 2 * border, truth.rows - 2 * border);
+    const cv::Rect detail = detailRegion(truth(inner), cv::Size(truth.cols / kDetailZoom, truth.rows / kDetailZoom)) +
+                            inner.tl();
+    writePng8(staging.file("comparison.png"), comparisonImage(panels, range, detail, kDetailZoom));
+    krotools::writeBurst(burst, staging.folder(), "burst");
+    std::ostringstream framesName;
+    framesName << "burst_frames_" << lowSize.width << "x" << lowSize.height << "x" << burst.frames.size()
+               << "_f32.raw";
+    const std::string truthName = run.truthName =
+        "burst_truth_" + std::to_string(truth.cols) + "x" + std::to_string(truth.rows) + "_f32.raw";
+    staging.file("burst.json");
+    staging.file(framesName.str());
+    staging.file(truthName);
+
+    run.framesName = framesName.str();
+}
+
+int runDemo(const std::vector<std::string>& args)
+{
+    Cli cli(args);
+    if (cli.helpRequested()) {
+        std::cout << kDemoHelp;
+        return kExitOk;
+    }
+    const DemoRequest request = parseDemoRequest(cli);
+    const std::string& outDir = request.outDir;
+    const std::string& scenePath = request.scenePath;
+    const std::string& source = request.source;
+    const double noise = request.noise;
+    const long long seed = request.seed;
+    const cv::Mat_<float>& scene = request.scene;
+    const cv::Rect crop = request.crop;
+
+    Staging staging(outDir);
+
+    // The burst, with the reference frame where the engine takes it.
+    const SrSettings defaults;
+    krotools::BurstSettings burstSettings;
+    burstSettings.frames = defaults.window;
+    burstSettings.factor = kFactor;
+    burstSettings.psfSigma = defaults.psfSigma;
+    burstSettings.noise = noise;
+    burstSettings.maxShift = kMaxShift;
+    burstSettings.referencePosition = std::max(0, defaults.window - defaults.referenceIndex - 1);
+    burstSettings.bitDepth = 16;
+    burstSettings.seed = static_cast<std::uint64_t>(seed);
+    const krotools::Burst burst = krotools::generateBurst(scene(crop).clone(), burstSettings);
+    const cv::Mat_<float>& truth = burst.truth;
+    const cv::Mat_<float>& reference = burst.frames[burstSettings.referencePosition];
+
+    std::vector<Method> methods(5);
+    methods[0].file = "reference_nearest";
+    methods[0].title = "reference, pixel replication";
+    methods[0].longName = "Reference frame, pixel replication";
+    cv::resize(reference, methods[0].image, truth.size(), 0.0, 0.0, cv::INTER_NEAREST);
+    methods[1].file = "reference_bicubic";
+    methods[1].title = "reference, bicubic";
+    methods[1].longName = "Reference frame, bicubic";
+    cv::resize(reference, methods[1].image, truth.size(), 0.0, 0.0, cv::INTER_CUBIC);
+    for (int k = 0; k < 3; ++k)
+        methods[2 + k] = reconstructBurst(burst, k, burstSettings.psfSigma);
+
+    DemoRun run;
+    run.source = source;
+    run.bundled = scenePath.empty();
+    run.sceneSize = scene.size();
+    run.crop = crop;
+    run.burst = burst;
+    run.burstSettings = burstSettings;
+    run.noise = noise;
+    run.methods = methods;
+    writeImages(staging, run);
+    const std::string summary = summaryMarkdown(run);
+    {
+        std::FILE* file = std::fopen(staging.file("summary.md").c_str(), "wb");
+        const std::string& text = summary;
+        const bool ok = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+        if (file && std::fclose(file) != 0)
+            throw RunError("cannot write summary.md into " + inQuotes(outDir));
+        if (!ok)
+            throw RunError("cannot write summary.md into " + inQuotes(outDir));
+    }
+    staging.commit();
+
+    printResults(run, outDir);
     return kExitOk;
 }
 
