@@ -37,34 +37,38 @@ cv::Mat_<float> temporalStdDev(const std::deque<cv::Mat_<float>>& window)
     return result;
 }
 
+const char* const kClusterHelp =
+    "Usage: kroenhance cluster [options] INPUT... -o OUTPUT\n"
+    "\n"
+    "Cluster pattern removal in two passes. First it learns a per-pixel damping\n"
+    "map over the recording: at every frame, once WINDOW frames have been seen,\n"
+    "each pixel whose standard deviation over the last WINDOW frames is below\n"
+    "STD-LIMIT and that differs from none of its neighbours by more than\n"
+    "MEAN-LIMIT blends the ratio of its 3x3-smoothed value to its own value into\n"
+    "the map (weight ALPHA). Then it multiplies every frame by the map. Samples\n"
+    "are processed by value in float and written back in the input's type\n"
+    "(rounded and saturated). A recording shorter than the window is learnt\n"
+    "once, from its last frame and all its frames.\n"
+    "\n"
+    "Options:\n"
+    "  --std-limit X   >= 0 (default 10): largest temporal standard deviation of\n"
+    "                  a pixel that is learnt, in sample units\n"
+    "  --mean-limit X  >= 0 (default 100): largest difference to a neighbour\n"
+    "  --alpha X       0..1 (default 0.1): weight of each new ratio in the map\n"
+    "  --window N      2..1000 (default 8): frames of the standard deviation\n"
+    "  --mode M        median or gaussian (default median): the 3x3 smoothing\n"
+    "  --save-map F    also write the learnt map (float) to F (.pfm or .tif)\n";
+
+const char* const kClusterExamples =
+    "\nExamples:\n"
+    "  kroenhance cluster --size 640x512 --format u16 drive.raw -o drive_cluster.raw\n"
+    "  kroenhance cluster --window 16 --save-map map.pfm --size 640x512 --format u16 drive.raw -o out.raw\n";
+
 int runCluster(const std::vector<std::string>& args)
 {
     Cli cli(args);
     if (cli.helpRequested()) {
-        std::cout << "Usage: kroenhance cluster [options] INPUT... -o OUTPUT\n"
-                     "\n"
-                     "Cluster pattern removal in two passes. First it learns a per-pixel damping\n"
-                     "map over the recording: at every frame, once WINDOW frames have been seen,\n"
-                     "each pixel whose standard deviation over the last WINDOW frames is below\n"
-                     "STD-LIMIT and that differs from none of its neighbours by more than\n"
-                     "MEAN-LIMIT blends the ratio of its 3x3-smoothed value to its own value into\n"
-                     "the map (weight ALPHA). Then it multiplies every frame by the map. Samples\n"
-                     "are processed by value in float and written back in the input's type\n"
-                     "(rounded and saturated). A recording shorter than the window is learnt\n"
-                     "once, from its last frame and all its frames.\n"
-                     "\n"
-                     "Options:\n"
-                     "  --std-limit X   >= 0 (default 10): largest temporal standard deviation of\n"
-                     "                  a pixel that is learnt, in sample units\n"
-                     "  --mean-limit X  >= 0 (default 100): largest difference to a neighbour\n"
-                     "  --alpha X       0..1 (default 0.1): weight of each new ratio in the map\n"
-                     "  --window N      2..1000 (default 8): frames of the standard deviation\n"
-                     "  --mode M        median or gaussian (default median): the 3x3 smoothing\n"
-                     "  --save-map F    also write the learnt map (float) to F (.pfm or .tif)\n"
-                  << kFrameIoHelp
-                  << "\nExamples:\n"
-                     "  kroenhance cluster --size 640x512 --format u16 drive.raw -o drive_cluster.raw\n"
-                     "  kroenhance cluster --window 16 --save-map map.pfm --size 640x512 --format u16 drive.raw -o out.raw\n";
+        std::cout << kClusterHelp << kFrameIoHelp << kClusterExamples;
         return kExitOk;
     }
     const double stdLimit = cli.doubleOption("--std-limit", 10.0, 0.0, 1e30);

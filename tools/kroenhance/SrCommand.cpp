@@ -77,6 +77,42 @@ private:
     std::set<std::string> seen_;
 };
 
+// The warnings a reconstructed frame deserves, each kind once.
+void warnAbout(const SrFrameRecord& record, Warnings& warnings)
+{
+    if (!record.structureOk)
+        warnings.once("structure", "input frame " + std::to_string(record.inputIndex) +
+                                       " has too little structure (code -4); it is used all the same");
+    if (record.addResult == -2)
+        warnings.once("defects", "input frame " + std::to_string(record.inputIndex) +
+                                     " has defects the bad-pixel repair could not mend (code -2)");
+    for (const std::string& w : record.warnings)
+        warnings.once(w, "output frame " + std::to_string(record.outputIndex) + ": " + w);
+    if (record.fallback())
+        warnings.once(srFailureKind(record.failure),
+                      "output frame " + std::to_string(record.outputIndex) + " (input frame " +
+                          std::to_string(record.inputIndex) + "): " + record.message +
+                          "; it is the bicubic enlargement of input frame " +
+                          std::to_string(record.referenceInputIndex) + " instead");
+}
+
+// Refuses input the sr command cannot use: frames with several channels, or
+// fewer frames than one window.
+void checkSrInput(const FrameReader& reader, const SrSettings& settings)
+{
+    if (CV_MAT_CN(reader.frameType()) != 1)
+        throw RunError("the input holds " + describeFrame(reader.frameSize(), reader.frameType()) +
+                       " frames; super-resolution needs single-channel frames");
+    const long long inputFrames = reader.frameCount();
+    if (inputFrames >= 0 && inputFrames < settings.window) {
+        std::ostringstream why;
+        why << "the input holds " << inputFrames << " frame" << (inputFrames == 1 ? "" : "s")
+            << "; a window of " << settings.window << " needs at least " << settings.window
+            << " (see --window)";
+        throw RunError(why.str());
+    }
+}
+
 int runSr(const std::vector<std::string>& args)
 {
     Cli cli(args);
@@ -101,17 +137,8 @@ int runSr(const std::vector<std::string>& args)
                   << " is used\n";
 
     FrameReader reader(input);
-    if (CV_MAT_CN(reader.frameType()) != 1)
-        throw RunError("the input holds " + describeFrame(reader.frameSize(), reader.frameType()) +
-                       " frames; super-resolution needs single-channel frames");
+    checkSrInput(reader, settings);
     const long long inputFrames = reader.frameCount();
-    if (inputFrames >= 0 && inputFrames < settings.window) {
-        std::ostringstream why;
-        why << "the input holds " << inputFrames << " frame" << (inputFrames == 1 ? "" : "s")
-            << "; a window of " << settings.window << " needs at least " << settings.window
-            << " (see --window)";
-        throw RunError(why.str());
-    }
     SrSession session(settings, reader.frameSize());
     const SampleFormat rawFormat = output.formatGiven ? output.format : SampleFormat::F32;
     FrameWriter writer(output.path, rawFormat);
@@ -134,20 +161,7 @@ int runSr(const std::vector<std::string>& args)
             continue;
         writer.write(result);
         records.push_back(record);
-        if (!record.structureOk)
-            warnings.once("structure", "input frame " + std::to_string(record.inputIndex) +
-                                           " has too little structure (code -4); it is used all the same");
-        if (record.addResult == -2)
-            warnings.once("defects", "input frame " + std::to_string(record.inputIndex) +
-                                         " has defects the bad-pixel repair could not mend (code -2)");
-        for (const std::string& w : record.warnings)
-            warnings.once(w, "output frame " + std::to_string(record.outputIndex) + ": " + w);
-        if (record.fallback())
-            warnings.once(srFailureKind(record.failure),
-                          "output frame " + std::to_string(record.outputIndex) + " (input frame " +
-                              std::to_string(record.inputIndex) + "): " + record.message +
-                              "; it is the bicubic enlargement of input frame " +
-                              std::to_string(record.referenceInputIndex) + " instead");
+        warnAbout(record, warnings);
         progress.update(static_cast<long long>(records.size()));
     }
     if (records.empty()) {

@@ -313,46 +313,7 @@ public:
             record.failure = SrFailure::LibraryError;
             record.message = error;
         } else {
-            const float value = record.engineValue;
-            record.code = velmor::kro::cInterfaceCode(structureOk, addResult, value);
-            // -3 and -6 fill the result all the same, but the engine says it
-            // was made from frames that do not line up; it is not passed on
-            // as a reconstruction.
-            const int result = velmor::kro::srResultOf(value);
-            if (result == velmor::kro::kSrNoTracking) {
-                record.failure = SrFailure::NoTracking;
-                record.message = "the registration found nothing to track";
-            } else if (result == velmor::kro::kSrDisplacement) {
-                record.failure = SrFailure::Displacement;
-                record.message = "a frame of the window is displaced too far";
-            } else if (result == velmor::kro::kSrCoverage) {
-                record.failure = SrFailure::Coverage;
-                record.message = "half or more of a frame's pixels could not be registered";
-            } else if (value < 0.0f) {
-                std::ostringstream why;
-                why << "the minimisation failed (value " << value << ")";
-                record.failure = SrFailure::Minimization;
-                record.message = why.str();
-            } else if (!cv::checkRange(out)) {
-                record.failure = SrFailure::NonFinite;
-                record.message = "the reconstruction holds NaN or infinite values";
-            }
-            // The shifts and masks are those of this call unless the
-            // registration itself failed.
-            if (result != velmor::kro::kSrNoTracking) {
-                engine->getCompleteShifts(shifts);
-                engine->getMasks(masks);
-                const double pixels = static_cast<double>(size.area());
-                for (int i = 0; i < window; ++i) {
-                    SrWindowFrame& w = record.window[i];
-                    w.registered = true;
-                    if (static_cast<std::size_t>(i) < shifts.size()) {
-                        w.shiftX = shifts[i].x;
-                        w.shiftY = shifts[i].y;
-                    }
-                    w.maskedFraction = 1.0 - cv::countNonZero(masks[i]) / pixels;
-                }
-            }
+            classify(record, out, structureOk, addResult);
         }
 
         if (record.fallback()) {
@@ -364,6 +325,54 @@ public:
     }
 
 private:
+    // The C interface's code and the kind of failure for the engine's value,
+    // and the shifts and masks of the window's frames when the registration
+    // ran.
+    void classify(SrFrameRecord& record, const cv::Mat_<float>& out, bool structureOk, int addResult)
+    {
+        const int window = engine->getWindowSize();
+        const float value = record.engineValue;
+        record.code = velmor::kro::cInterfaceCode(structureOk, addResult, value);
+        // -3 and -6 fill the result all the same, but the engine says it
+        // was made from frames that do not line up; it is not passed on
+        // as a reconstruction.
+        const int result = velmor::kro::srResultOf(value);
+        if (result == velmor::kro::kSrNoTracking) {
+            record.failure = SrFailure::NoTracking;
+            record.message = "the registration found nothing to track";
+        } else if (result == velmor::kro::kSrDisplacement) {
+            record.failure = SrFailure::Displacement;
+            record.message = "a frame of the window is displaced too far";
+        } else if (result == velmor::kro::kSrCoverage) {
+            record.failure = SrFailure::Coverage;
+            record.message = "half or more of a frame's pixels could not be registered";
+        } else if (value < 0.0f) {
+            std::ostringstream why;
+            why << "the minimisation failed (value " << value << ")";
+            record.failure = SrFailure::Minimization;
+            record.message = why.str();
+        } else if (!cv::checkRange(out)) {
+            record.failure = SrFailure::NonFinite;
+            record.message = "the reconstruction holds NaN or infinite values";
+        }
+        // The shifts and masks are those of this call unless the
+        // registration itself failed.
+        if (result != velmor::kro::kSrNoTracking) {
+            engine->getCompleteShifts(shifts);
+            engine->getMasks(masks);
+            const double pixels = static_cast<double>(size.area());
+            for (int i = 0; i < window; ++i) {
+                SrWindowFrame& w = record.window[i];
+                w.registered = true;
+                if (static_cast<std::size_t>(i) < shifts.size()) {
+                    w.shiftX = shifts[i].x;
+                    w.shiftY = shifts[i].y;
+                }
+                w.maskedFraction = 1.0 - cv::countNonZero(masks[i]) / pixels;
+            }
+        }
+    }
+
     std::unique_ptr<SrFloat<Registration>> engine;
     int referencePosition = 0;
     std::deque<cv::Mat_<float>> held;  // the window's frames as given, oldest first
