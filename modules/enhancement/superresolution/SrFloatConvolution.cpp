@@ -26,7 +26,7 @@ SrFloatConvolution::SrFloatConvolution(int fineWidth_, int fineHeight_, int psfW
                                        int psfHeight_, float factor_)
     : DebugChannel("SrFloat"), fineWidth(fineWidth_), fineHeight(fineHeight_),
       psfWidth(psfWidth_), psfHeight(psfHeight_), fullWidth(0), fullHeight(0), factor(factor_),
-      scratchData(nullptr), lowWidth(0), lowHeight(0), step(0), threadCapacity(1)
+      lowWidth(0), lowHeight(0), step(0), threadCapacity(1)
 {
     if (fineWidth < 1 || fineHeight < 1)
         KRO_THROW("invalid fine grid size " << fineWidth << "x" << fineHeight);
@@ -58,7 +58,6 @@ SrFloatConvolution::SrFloatConvolution(int fineWidth_, int fineHeight_, int psfW
                                  << fineHeight << " at factor " << factor);
 
     scratch.create(fullHeight, fineWidth, CV_32F);
-    scratchData = scratch.ptr<float>();
 
     threadCapacity = parallel::threadCapacity(threadCount);
     rowWork.assign(rowWorkStride(fullWidth) * threadCapacity, 0.0f);
@@ -78,45 +77,6 @@ bool SrFloatConvolution::setThreads(int threads)
     return true;
 }
 
-SrFloatConvolution::SrFloatConvolution(const SrFloatConvolution& other)
-    : DebugChannel(other), fineWidth(other.fineWidth), fineHeight(other.fineHeight),
-      psfWidth(other.psfWidth), psfHeight(other.psfHeight), fullWidth(other.fullWidth),
-      fullHeight(other.fullHeight), factor(other.factor), scratch(other.scratch.clone()),
-      scratchData(scratch.ptr<float>()), lowWidth(other.lowWidth), lowHeight(other.lowHeight),
-      step(other.step), threadCount(other.threadCount), threadCapacity(other.threadCapacity),
-      rowWork(other.rowWork)
-{
-}
-
-SrFloatConvolution& SrFloatConvolution::operator=(const SrFloatConvolution& other)
-{
-    if (this == &other)
-        return *this;
-    // Copy everything that can fail before changing this object.
-    cv::Mat newScratch = other.scratch.clone();
-    std::vector<float> newRowWork = other.rowWork;
-
-    DebugChannel::operator=(other);
-    fineWidth = other.fineWidth;
-    fineHeight = other.fineHeight;
-    psfWidth = other.psfWidth;
-    psfHeight = other.psfHeight;
-    fullWidth = other.fullWidth;
-    fullHeight = other.fullHeight;
-    factor = other.factor;
-    scratch = newScratch;
-    scratchData = scratch.ptr<float>();
-    lowWidth = other.lowWidth;
-    lowHeight = other.lowHeight;
-    step = other.step;
-    threadCount = other.threadCount;
-    threadCapacity = other.threadCapacity;
-    rowWork.swap(newRowWork);
-    return *this;
-}
-
-SrFloatConvolution::~SrFloatConvolution() = default;
-
 void SrFloatConvolution::fullConvFromSparse(float* const sparse, float* const psfX,
                                             float* const psfY, char* mask, float* full)
 {
@@ -128,6 +88,7 @@ void SrFloatConvolution::fullConvFromSparse(float* const sparse, float* const ps
                              static_cast<std::size_t>(psfWidth + psfHeight) / 2;
     const int nThreads = std::min(parallel::threadsForWork(threadCount, work), threadCapacity);
     const std::size_t workStride = rowWorkStride(fullWidth);
+    float* const scratchData = scratch.ptr<float>();
 
     // Each thread owns whole rows r of the scratch and of the full array:
     // the vertical pass is gathered over the taps that reach row r (in
@@ -169,6 +130,7 @@ void SrFloatConvolution::validCorrToSparse(float* const full, float* const psfX,
                               static_cast<std::size_t>(lowHeight) * psfHeight);
     const int nThreads = std::min(parallel::threadsForWork(threadCount, work), threadCapacity);
     const std::size_t workStride = rowWorkStride(fullWidth);
+    float* const scratchData = scratch.ptr<float>();
 
     lastThreads = parallel::parallelRegion(nThreads, [&](const parallel::Team& team) {
         float* phases = rowWork.data() + workStride * static_cast<std::size_t>(team.index());

@@ -6,6 +6,7 @@
 
 #include "DebugChannel.h"
 #include "KroLibExport.h"
+#include "OwnedMat.h"
 
 namespace velmor {
 namespace kro {
@@ -57,9 +58,8 @@ public:
     // needs lowHeight <= (fineHeight + 1) / 2, i.e. a factor of about 2 or
     // more).
     SrFloatConvolution(int fineWidth, int fineHeight, int psfWidth, int psfHeight, float factor);
-    SrFloatConvolution(const SrFloatConvolution& other);
-    SrFloatConvolution& operator=(const SrFloatConvolution& other);
-    ~SrFloatConvolution() override;
+    // Copies are deep (the scratch is an OwnedMat): the compiler's copy and
+    // move are the right ones.
 
     // Transpose of the model: writes the whole full array (fullHeight x
     // fullWidth) with the full convolution of the masked, zero-upsampled
@@ -111,8 +111,7 @@ private:
     float factor;
     // fullHeight x fineWidth floats, the intermediate of the two separable
     // passes; only the first lowWidth columns of a row are used.
-    cv::Mat scratch;
-    float* scratchData;
+    OwnedMat<cv::Mat> scratch;
 
     int lowWidth;
     int lowHeight;

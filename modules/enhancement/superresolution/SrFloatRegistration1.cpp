@@ -114,56 +114,6 @@ SrFloatRegistration1::SrFloatRegistration1(int width_, int height_, int windowSi
     fft.gaussFft(gaussRadius, gaussSigma(gaussRadius), complexData(gaussSpectrum), kernel.data());
 }
 
-SrFloatRegistration1::SrFloatRegistration1(const SrFloatRegistration1& other)
-    : width(other.width),
-      height(other.height),
-      inputSize(other.inputSize),
-      windowSize(other.windowSize),
-      framesPrepared(other.framesPrepared),
-      spectrumSize(other.spectrumSize),
-      regError(other.regError),
-      gaussRadius(other.gaussRadius),
-      regErrBlurRadius(other.regErrBlurRadius),
-      fft(other.fft),
-      gaussSpectrum(other.gaussSpectrum.clone()),
-      crossSpectrum(other.crossSpectrum.clone()),
-      blurredSpectrum(other.blurredSpectrum.clone()),
-      correlation(other.correlation.clone()),
-      blurredReference(other.blurredReference.clone()),
-      blurredCurrent(other.blurredCurrent.clone()),
-      gradX(other.gradX.clone()),
-      gradY(other.gradY.clone()),
-      errorImage(other.errorImage.clone()),
-      blurredError(other.blurredError.clone()),
-      kernel(other.kernel),
-      tensorXX(other.tensorXX),
-      tensorXY(other.tensorXY),
-      tensorYY(other.tensorYY),
-      completeShifts(other.completeShifts),
-      rowTensor(other.rowTensor),
-      rowFlow(other.rowFlow),
-      rowPeakValue(other.rowPeakValue),
-      rowPeakIndex(other.rowPeakIndex),
-      threadCount(other.threadCount)
-{
-    spectra.reserve(other.spectra.size());
-    for (const cv::Mat& s : other.spectra)
-        spectra.push_back(s.clone());
-    inverseMagnitudes.reserve(other.inverseMagnitudes.size());
-    for (const cv::Mat& m : other.inverseMagnitudes)
-        inverseMagnitudes.push_back(m.clone());
-    completeShifts.reserve(static_cast<std::size_t>(windowSize));
-}
-
-SrFloatRegistration1& SrFloatRegistration1::operator=(const SrFloatRegistration1& other)
-{
-    if (this != &other)
-        *this = SrFloatRegistration1(other);
-    return *this;
-}
-
-SrFloatRegistration1::~SrFloatRegistration1() = default;
-
 void SrFloatRegistration1::setGaussRadius(int radius)
 {
     if (radius < 1 || 2LL * radius + 2 > std::min(width, height))

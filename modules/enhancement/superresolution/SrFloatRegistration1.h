@@ -6,6 +6,7 @@
 #include <opencv2/core.hpp>
 
 #include "KroLibExport.h"
+#include "OwnedMat.h"
 #include "PointF.h"
 #include "SrFloatFft2d.h"
 
@@ -15,10 +16,6 @@ namespace kro {
 namespace parallel {
 class Team;
 } // namespace parallel
-namespace detail {
-struct FlowSums;
-struct FlowStep;
-} // namespace detail
 
 // Registration of the float super-resolution engine by phase correlation
 // and one optical-flow step.
@@ -83,11 +80,8 @@ public:
     // Throws Exception when width is odd or below 12, height below 12 or
     // windowSize below 1.
     SrFloatRegistration1(int width, int height, int windowSize);
-    SrFloatRegistration1(const SrFloatRegistration1& other);
-    SrFloatRegistration1(SrFloatRegistration1&& other) = default;
-    SrFloatRegistration1& operator=(const SrFloatRegistration1& other);
-    SrFloatRegistration1& operator=(SrFloatRegistration1&& other) = default;
-    ~SrFloatRegistration1();
+    // Copies are deep (every buffer is an OwnedMat or a vector), so the
+    // compiler's copy and move are the right ones.
 
     // Radius r of the Gaussian blur before the flow step, with sigma
     // r * sqrt(3) / 5 (default 5, sigma sqrt(3)). Throws Exception, changing
@@ -169,8 +163,11 @@ private:
     PointI phaseCorrelation(const parallel::Team& team);
     PointF opticalFlow(const parallel::Team& team, PointI shift, char* mask);
     // The steps of opticalFlow.
-    detail::FlowSums flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1, int fy0, int fy1);
-    void flowError(const parallel::Team& team, PointI shift, const detail::FlowStep& step, const cv::Rect& overlap);
+    // sums: xx, xy, yy, gx It, gy It over the flow region.
+    void flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1, int fy0, int fy1,
+                        double* sums);
+    void flowError(const parallel::Team& team, PointI shift, double dx, double dy, double energy,
+                   const cv::Rect& overlap);
     void flowMask(const parallel::Team& team, const cv::Rect& cells, char* mask);
 
     void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
@@ -195,24 +192,24 @@ private:
 
     // windowSize spectra (height x (width / 2 + 1) complex, CV_32FC2), in
     // ring order: spectra[0] is the oldest.
-    std::vector<cv::Mat> spectra;
+    std::vector<OwnedMat<cv::Mat>> spectra;
     // For each spectrum, 1 / |value| per bin (0 where the value is 0), for
     // the phase correlation; made once per frame by prepareFrame rather than
     // in every registration the frame takes part in.
-    std::vector<cv::Mat> inverseMagnitudes;
+    std::vector<OwnedMat<cv::Mat>> inverseMagnitudes;
     SrFloatFft2d fft;
-    cv::Mat gaussSpectrum;
-    cv::Mat crossSpectrum;
+    OwnedMat<cv::Mat> gaussSpectrum;
+    OwnedMat<cv::Mat> crossSpectrum;
     // The current frame's spectrum times gaussSpectrum.
-    cv::Mat blurredSpectrum;
+    OwnedMat<cv::Mat> blurredSpectrum;
 
-    cv::Mat_<float> correlation;
-    cv::Mat_<float> blurredReference;
-    cv::Mat_<float> blurredCurrent;
-    cv::Mat_<float> gradX;
-    cv::Mat_<float> gradY;
-    cv::Mat_<float> errorImage;
-    cv::Mat_<float> blurredError;
+    OwnedMat<cv::Mat_<float>> correlation;
+    OwnedMat<cv::Mat_<float>> blurredReference;
+    OwnedMat<cv::Mat_<float>> blurredCurrent;
+    OwnedMat<cv::Mat_<float>> gradX;
+    OwnedMat<cv::Mat_<float>> gradY;
+    OwnedMat<cv::Mat_<float>> errorImage;
+    OwnedMat<cv::Mat_<float>> blurredError;
 
     std::vector<float> kernel;
 

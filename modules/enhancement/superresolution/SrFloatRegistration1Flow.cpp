@@ -107,8 +107,8 @@ PointI SrFloatRegistration1::phaseCorrelation(const parallel::Team& team)
 // The sums of the flow step over the flow region [fx0, fx1) x [fy0, fy1):
 // per row on the team, then the rows combined in row order by every thread
 // (the tensor as the whole image's minus the excluded rows and columns).
-detail::FlowSums SrFloatRegistration1::flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1,
-                                                      int fy0, int fy1)
+void SrFloatRegistration1::flowRegionSums(const parallel::Team& team, PointI shift, int fx0, int fx1, int fy0,
+                                          int fy1, double* out)
 {
     const int w = width;
     const int h = height;
@@ -151,25 +151,23 @@ detail::FlowSums SrFloatRegistration1::flowRegionSums(const parallel::Team& team
             c -= rowFlow[5 * row + 4];
         }
     }
-    detail::FlowSums sums;
-    sums.xx = a;
-    sums.xy = b;
-    sums.yy = c;
-    sums.gxIt = bx;
-    sums.gyIt = by;
-    return sums;
+    out[0] = a;
+    out[1] = b;
+    out[2] = c;
+    out[3] = bx;
+    out[4] = by;
 }
 
 // The residual of the solved step over the overlap, normalised by the
 // gradient energy (so that it does not depend on the intensity scale of the
 // frames), then its mean over the overlap (the window clipped at the
 // overlap's border, the radius limited to what the overlap holds).
-void SrFloatRegistration1::flowError(const parallel::Team& team, PointI shift, const detail::FlowStep& step,
+void SrFloatRegistration1::flowError(const parallel::Team& team, PointI shift, double dx, double dy, double energy,
                                      const cv::Rect& overlap)
 {
-    const float uf = static_cast<float>(step.dx);
-    const float vf = static_cast<float>(step.dy);
-    const float invEnergy = static_cast<float>(1.0 / step.energy);
+    const float uf = static_cast<float>(dx);
+    const float vf = static_cast<float>(dy);
+    const float invEnergy = static_cast<float>(1.0 / energy);
     const int x0 = overlap.x, x1 = overlap.x + overlap.width;
     team.forRows(overlap.y, overlap.y + overlap.height, [&](int begin, int end) {
         for (int y = begin; y < end; ++y) {
@@ -240,13 +238,20 @@ PointF SrFloatRegistration1::opticalFlow(const parallel::Team& team, PointI shif
 
     // The remainder (u, v) has the sign of the integer shift D; the complete
     // shift is D + (u, v).
-    const detail::FlowStep step =
-        detail::solveFlowStep(flowRegionSums(team, shift, fx0, fx1, fy0, fy1), kMinRelativeDeterminant);
+    double regionSums[5];
+    flowRegionSums(team, shift, fx0, fx1, fy0, fy1, regionSums);
+    detail::FlowSums sums;
+    sums.xx = regionSums[0];
+    sums.xy = regionSums[1];
+    sums.yy = regionSums[2];
+    sums.gxIt = regionSums[3];
+    sums.gyIt = regionSums[4];
+    const detail::FlowStep step = detail::solveFlowStep(sums, kMinRelativeDeterminant);
     PointF result(static_cast<float>(shift.x), static_cast<float>(shift.y));
     cv::Rect cells;
     if (step.solved) {
         result = PointF(static_cast<float>(shift.x + step.dx), static_cast<float>(shift.y + step.dy));
-        flowError(team, shift, step, cv::Rect(x0, y0, x1 - x0, y1 - y0));
+        flowError(team, shift, step.dx, step.dy, step.energy, cv::Rect(x0, y0, x1 - x0, y1 - y0));
         // Mask cells: the pixels of the work frame that the cut fills
         // (rounded complete shift, as shiftFrame rounds it) and for which the
         // error was measured. Their coordinates are those of the reference
