@@ -161,8 +161,12 @@ void SrRobust::State::merge(const cv::Mat_<float>& reference, int threads)
     // output grid (the step's normaliser) is formed once.
     weightSum.create(fine.size());
     weightSum.setTo(0.0f);
-    for (int k = 0; k < n; ++k)
-        detail::scatterToBox(weights.weight(k), weights.positionX(k), weights.positionY(k), weightSum);
+    for (int k = 0; k < n; ++k) {
+        if (k == ref)
+            detail::scatterOnGrid(weights.weight(k), weightSum, 1);
+        else
+            detail::scatterToBox(weights.weight(k), weights.positionX(k), weights.positionY(k), weightSum);
+    }
     detail::boxImageAdjoint(weightSum, normaliser, threads);
     detail::blurFine(normaliser, normaliser, options.psfSigma);
     cv::max(normaliser, 1e-3f, normaliser);
@@ -177,9 +181,15 @@ void SrRobust::State::merge(const cv::Mat_<float>& reference, int threads)
                 cv::Mat_<float>& acc = accumulators[k];
                 acc.setTo(0.0f);
                 cv::Mat_<float>& residual = residuals[k];
+                if (k == ref) {
+                    // The reference's samples sit on the grid with weight 1.
+                    detail::sampleOnGrid(box, residual, 1);
+                    cv::subtract(reference, residual, residual);
+                    detail::scatterOnGrid(residual, acc, 1);
+                    continue;
+                }
                 detail::sampleBox(box, weights.positionX(k), weights.positionY(k), residual, 1);
-                const cv::Mat_<float>& samples = k == ref ? reference : weights.samples(k);
-                cv::subtract(samples, residual, residual);
+                cv::subtract(weights.samples(k), residual, residual);
                 cv::multiply(residual, weights.weight(k), residual);
                 detail::scatterToBox(residual, weights.positionX(k), weights.positionY(k), acc);
             }

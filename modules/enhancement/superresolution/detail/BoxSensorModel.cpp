@@ -122,6 +122,33 @@ void scatterToBox(const cv::Mat_<float>& value, const cv::Mat_<float>& sx, const
     }
 }
 
+void sampleOnGrid(const cv::Mat_<float>& box, cv::Mat_<float>& out, int threads)
+{
+    out.create(box.rows / 2, box.cols / 2);
+    const int cols = out.cols;
+    parallel::parallelFor(threads, 0, out.rows, [&](int begin, int end) {
+        for (int r = begin; r < end; ++r) {
+            const float* in = box[2 * r];
+            float* o = out[r];
+            for (int c = 0; c < cols; ++c)
+                o[c] = in[2 * c];
+        }
+    });
+}
+
+void scatterOnGrid(const cv::Mat_<float>& value, cv::Mat_<float>& acc, int threads)
+{
+    const int cols = value.cols;
+    parallel::parallelFor(threads, 0, value.rows, [&](int begin, int end) {
+        for (int r = begin; r < end; ++r) {
+            const float* v = value[r];
+            float* a = acc[2 * r];
+            for (int c = 0; c < cols; ++c)
+                a[2 * c] += v[c];
+        }
+    });
+}
+
 void blurFine(const cv::Mat_<float>& fine, cv::Mat_<float>& out, float sigma)
 {
     if (sigma > 0.0f)

@@ -47,6 +47,13 @@ void scatterToBox(const cv::Mat_<float>& value, const cv::Mat_<float>& sx, const
 // In place is allowed.
 void blurFine(const cv::Mat_<float>& fine, cv::Mat_<float>& out, float sigma);
 
+// sampleBox and scatterToBox for samples on the coarse grid itself (the
+// reference frame's): out(r, c) = box(2r, 2c), and acc(2r, 2c) += value(r, c).
+// The same values as the general functions give there, without the
+// interpolation.
+void sampleOnGrid(const cv::Mat_<float>& box, cv::Mat_<float>& out, int threads);
+void scatterOnGrid(const cv::Mat_<float>& value, cv::Mat_<float>& acc, int threads);
+
 // The reference frame alone: iterative back-projection through the sensor
 // model (optics blur `sigma`, then 2x2 integration), starting from a Lanczos
 // enlargement and correcting by the Lanczos enlargement of the coarse
