@@ -20,7 +20,7 @@ ClusterPatternRemover::ClusterPatternRemover(unsigned width, unsigned height, fl
 
 bool ClusterPatternRemover::setAlphaDamping(float alpha)
 {
-    if (!(alpha >= 0.0f && alpha <= 1.0f))
+    if (!filter_rules::alphaDamping(alpha).empty())
         return false;
     mAlphaDamping = alpha;
     return true;
@@ -112,6 +112,27 @@ void ClusterPatternRemover::applyDamping(const cv::Mat_<float>& src, cv::Mat_<fl
         KRO_THROW("frame of " << src.cols << "x" << src.rows << " does not match the damping map of "
                               << mDamping.cols << "x" << mDamping.rows);
     cv::multiply(src, mDamping, dst);
+}
+
+ClusterPatternRemover::ClusterPatternRemover(const ClusterPatternRemoverOptions& options)
+    : ClusterPatternRemover(options.clusterWidth, options.clusterHeight, options.stdDevLimit, options.alphaDamping,
+                            options.meanLimit)
+{
+    const std::string problem = options.validate();
+    if (!problem.empty())
+        KRO_THROW(problem);
+    setAlphaDamping(options.alphaDamping);
+}
+
+ClusterPatternRemoverOptions ClusterPatternRemover::getOptions() const
+{
+    ClusterPatternRemoverOptions o;
+    o.clusterWidth = mClusterWidth;
+    o.clusterHeight = mClusterHeight;
+    o.stdDevLimit = mStdDevLimit;
+    o.alphaDamping = mAlphaDamping;
+    o.meanLimit = mMeanLimit;
+    return o;
 }
 
 } // namespace kro

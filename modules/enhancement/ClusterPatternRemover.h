@@ -2,6 +2,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "FilterOptions.h"
 #include "KroLibExport.h"
 
 namespace velmor {
@@ -31,6 +32,11 @@ public:
     // factor with setAlphaDamping().
     ClusterPatternRemover(unsigned width, unsigned height, float stdDevLimit, float alphaDamping,
                           float meanLimit);
+    // A remover with every field of `options` applied as given (the blend
+    // factor included); throws velmor::kro::Exception with the validation's
+    // text for a refused value.
+    explicit ClusterPatternRemover(const ClusterPatternRemoverOptions& options);
+    ClusterPatternRemoverOptions getOptions() const;
     ClusterPatternRemover(const ClusterPatternRemover&) = default;
     ClusterPatternRemover& operator=(const ClusterPatternRemover&) = default;
     ~ClusterPatternRemover() = default;

@@ -16,6 +16,15 @@ std::string range(long long value, long long low, long long high)
     return why.str();
 }
 
+std::string rangeReal(double value, double low, double high)
+{
+    if (value >= low && value <= high)
+        return "";
+    std::ostringstream why;
+    why << value << " is outside the accepted range " << low << " to " << high;
+    return why.str();
+}
+
 } // namespace filter_rules
 
 namespace {
@@ -50,6 +59,20 @@ std::string StaticPatternRemoverOptions::validate() const
                   {"line limit", filter_rules::patternLimit(lineLimit)},
                   {"frame limit", filter_rules::patternLimit(frameLimit)},
                   {"threads", filter_rules::threads(threads)}});
+}
+
+std::string ClusterPatternRemoverOptions::validate() const
+{
+    return first({{"std-dev limit", filter_rules::clusterLimit(stdDevLimit)},
+                  {"alpha damping", filter_rules::alphaDamping(alphaDamping)},
+                  {"mean limit", filter_rules::clusterLimit(meanLimit)}});
+}
+
+std::string UnsharpMaskOptions::validate() const
+{
+    return first({{"amount", filter_rules::unsharpAmount(amount)},
+                  {"sigma", filter_rules::unsharpSigma(sigma)},
+                  {"threshold", filter_rules::unsharpThreshold(threshold)}});
 }
 
 } // namespace kro

@@ -23,6 +23,13 @@ inline std::string spatialGain(long long v) { return range(v, 0, 31); }
 inline std::string patternThreshold(long long v) { return range(v, 0, 100); }
 inline std::string patternLimit(long long v) { return range(v, 0, 31); }
 inline std::string threads(long long v) { return range(v, 0, 1024); }
+// The same for real values (NaN is outside every range).
+KROLIB_EXPORT std::string rangeReal(double value, double low, double high);
+inline std::string alphaDamping(double v) { return rangeReal(v, 0.0, 1.0); }
+inline std::string clusterLimit(double v) { return rangeReal(v, 0.0, 1e30); }
+inline std::string unsharpAmount(double v) { return rangeReal(v, 0.0, 20.0); }
+inline std::string unsharpSigma(double v) { return rangeReal(v, 0.1, 50.0); }
+inline std::string unsharpThreshold(double v) { return rangeReal(v, 0.0, 1.0); }
 } // namespace filter_rules
 
 struct KROLIB_EXPORT TemporalNoiseReductionOptions {
@@ -46,6 +53,22 @@ struct KROLIB_EXPORT StaticPatternRemoverOptions {
     int lineLimit = 12;   // 0..31
     int frameLimit = 16;  // 0..31
     int threads = 0;      // 0..1024
+    std::string validate() const;
+};
+
+struct KROLIB_EXPORT ClusterPatternRemoverOptions {
+    unsigned clusterWidth = 3;   // stored only (the smoothing is 3x3)
+    unsigned clusterHeight = 3;
+    float stdDevLimit = 10.0f;   // >= 0: largest temporal deviation of a pixel that is learnt
+    float alphaDamping = 0.1f;   // 0..1: weight of each new ratio in the map
+    float meanLimit = 100.0f;    // >= 0: largest difference to a neighbour
+    std::string validate() const;
+};
+
+struct KROLIB_EXPORT UnsharpMaskOptions {
+    double amount = 1.0;     // 0..20
+    double sigma = 1.0;      // 0.1..50, pixels
+    double threshold = 0.0;  // 0..1 of the type's full scale
     std::string validate() const;
 };
 

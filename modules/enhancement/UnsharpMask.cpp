@@ -2,6 +2,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "detail/Throw.h"
+
 namespace velmor {
 namespace kro {
 
@@ -43,6 +45,14 @@ int UnsharpMask::unsharp(cv::Mat& src, cv::Mat& dst, double amount, double sigma
     cv::add(src, diff * amount, result, mask, src.type());
     dst = result;
     return 0;
+}
+
+int UnsharpMask::unsharp(cv::Mat& src, cv::Mat& dst, const UnsharpMaskOptions& options)
+{
+    const std::string problem = options.validate();
+    if (!problem.empty())
+        KRO_THROW(problem);
+    return unsharp(src, dst, options.amount, options.sigma, options.threshold);
 }
 
 } // namespace kro

@@ -2,6 +2,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "FilterOptions.h"
 #include "KroLibExport.h"
 
 namespace velmor {
@@ -26,6 +27,9 @@ public:
     // CV_8U, CV_8S or CV_32F. Errors of OpenCV (an empty image, sigma <= 0)
     // propagate as cv::Exception.
     static int unsharp(cv::Mat& src, cv::Mat& dst, double amount, double sigma, double threshold);
+    // The same with checked settings: throws velmor::kro::Exception with
+    // options.validate()'s text for a refused value.
+    static int unsharp(cv::Mat& src, cv::Mat& dst, const UnsharpMaskOptions& options);
 };
 
 } // namespace kro

@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include "ClusterPatternRemover.h"
 #include "Exception.h"
 #include "SpatialNoiseRemover.h"
 #include "StaticPatternRemover.h"
 #include "TemporalNoiseReduction.h"
+#include "UnsharpMask.h"
 
 namespace velmor {
 namespace kro {
@@ -69,6 +73,25 @@ TEST(FilterOptions, OptionsSettersAndConstructorsShareTheirRules)
     o.threshold = 101;
     EXPECT_EQ("threshold: 101 is outside the accepted range 0 to 100", o.validate());
     EXPECT_FALSE(spr.setThreshold(101));
+
+    // Real-valued rules: the blend factor of the cluster remover (NaN
+    // refused too) and the unsharp mask's settings.
+    ClusterPatternRemoverOptions c;
+    c.alphaDamping = 0.25f;
+    EXPECT_EQ(0.25f, ClusterPatternRemover(c).getOptions().alphaDamping);  // applied, not the std-dev limit
+    for (float alpha : {-0.01f, 1.01f, NAN}) {
+        c.alphaDamping = alpha;
+        EXPECT_FALSE(c.validate().empty()) << alpha;
+        EXPECT_THROW(ClusterPatternRemover{c}, Exception);
+        EXPECT_FALSE(ClusterPatternRemover(3, 3, 1.0f, 0.0f, 1.0f).setAlphaDamping(alpha)) << alpha;
+    }
+    UnsharpMaskOptions u;
+    u.sigma = 0.05;
+    EXPECT_EQ("sigma: 0.05 is outside the accepted range 0.1 to 50", u.validate());
+    cv::Mat src(8, 8, CV_32F, cv::Scalar(0.5)), dst;
+    EXPECT_THROW(UnsharpMask::unsharp(src, dst, u), Exception);
+    u.sigma = 1.0;
+    EXPECT_EQ(0, UnsharpMask::unsharp(src, dst, u));
 }
 
 } // namespace

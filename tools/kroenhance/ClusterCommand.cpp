@@ -7,6 +7,7 @@
 #include "Cli.h"
 #include "ClusterPatternRemover.h"
 #include "Command.h"
+#include "FilterFrames.h"
 #include "FrameIO.h"
 
 namespace kroenhance {
@@ -71,9 +72,11 @@ int runCluster(const std::vector<std::string>& args)
         std::cout << kClusterHelp << kFrameIoHelp << kClusterExamples;
         return kExitOk;
     }
-    const double stdLimit = cli.doubleOption("--std-limit", 10.0, 0.0, 1e30);
-    const double meanLimit = cli.doubleOption("--mean-limit", 100.0, 0.0, 1e30);
-    const double alpha = cli.doubleOption("--alpha", 0.1, 0.0, 1.0);
+    namespace rules = velmor::kro::filter_rules;
+    velmor::kro::ClusterPatternRemoverOptions options;
+    options.stdDevLimit = static_cast<float>(filterOption(cli, "--std-limit", options.stdDevLimit, rules::clusterLimit));
+    options.meanLimit = static_cast<float>(filterOption(cli, "--mean-limit", options.meanLimit, rules::clusterLimit));
+    options.alphaDamping = static_cast<float>(filterOption(cli, "--alpha", options.alphaDamping, rules::alphaDamping));
     const int window = static_cast<int>(cli.intOption("--window", 8, 2, 1000));
     const std::string modeName = cli.stringOption("--mode", "median");
     ClusterPatternRemover::FILTERMODE mode = ClusterPatternRemover::MEDIAN;
@@ -101,9 +104,7 @@ int runCluster(const std::vector<std::string>& args)
 
     // The third constructor argument sets both the std-dev limit and the
     // blend factor: set the blend factor apart.
-    ClusterPatternRemover remover(3, 3, static_cast<float>(stdLimit), static_cast<float>(alpha),
-                                  static_cast<float>(meanLimit));
-    remover.setAlphaDamping(static_cast<float>(alpha));
+    ClusterPatternRemover remover(options);
 
     std::deque<cv::Mat_<float>> recent;
     cv::Mat frame;

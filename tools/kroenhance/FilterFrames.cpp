@@ -1,6 +1,7 @@
 #include "FilterFrames.h"
 
 #include <climits>
+#include <cmath>
 #include <iostream>
 
 #include "Command.h"
@@ -92,6 +93,15 @@ int filterOption(Cli& cli, const std::string& name, int fallback, std::string (*
     if (!problem.empty())
         throw UsageError("option " + name + ": " + problem);
     return static_cast<int>(value);
+}
+
+double filterOption(Cli& cli, const std::string& name, double fallback, std::string (*rule)(double))
+{
+    const double value = cli.doubleOption(name, fallback, -HUGE_VAL, HUGE_VAL);
+    const std::string problem = rule(value);
+    if (!problem.empty())
+        throw UsageError("option " + name + ": " + problem);
+    return value;
 }
 
 } // namespace kroenhance

@@ -43,5 +43,6 @@ int runInt16Filter(const std::string& command, const InputSpec& input, const Out
 // same the filter's setter applies): a refused value throws UsageError
 // "option NAME: <problem>".
 int filterOption(Cli& cli, const std::string& name, int fallback, std::string (*rule)(long long));
+double filterOption(Cli& cli, const std::string& name, double fallback, std::string (*rule)(double));
 
 } // namespace kroenhance

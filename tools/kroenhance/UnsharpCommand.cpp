@@ -33,9 +33,11 @@ int runUnsharp(const std::vector<std::string>& args)
                      "  kroenhance unsharp --amount 2 --sigma 1.5 display_*.png -o sharp_%04d.png\n";
         return kExitOk;
     }
-    const double amount = cli.doubleOption("--amount", 1.0, 0.0, 20.0);
-    const double sigma = cli.doubleOption("--sigma", 1.0, 0.1, 50.0);
-    const double threshold = cli.doubleOption("--threshold", 0.0, 0.0, 1.0);
+    namespace rules = velmor::kro::filter_rules;
+    velmor::kro::UnsharpMaskOptions options;
+    options.amount = filterOption(cli, "--amount", options.amount, rules::unsharpAmount);
+    options.sigma = filterOption(cli, "--sigma", options.sigma, rules::unsharpSigma);
+    options.threshold = filterOption(cli, "--threshold", options.threshold, rules::unsharpThreshold);
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
 
@@ -43,7 +45,7 @@ int runUnsharp(const std::vector<std::string>& args)
         "unsharp", input, output,
         [&](const cv::Mat& in, cv::Mat& out) {
             cv::Mat frame = in;
-            if (velmor::kro::UnsharpMask::unsharp(frame, out, amount, sigma, threshold) != 0)
+            if (velmor::kro::UnsharpMask::unsharp(frame, out, options) != 0)
                 throw RunError("unsharp works on 8-bit or float frames; the input holds " +
                                describeFrame(in.size(), in.type()) +
                                " frames (convert them to f32 or 8-bit first)");
