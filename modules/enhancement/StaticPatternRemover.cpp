@@ -308,7 +308,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             const short* down = src[std::min(y + 1, rows - 1)];
             for (int c = lo; c < measureFrom; ++c)
                 measureColumn<true>(up, mid, down, c, last, settings, work);
-#pragma GCC ivdep
+KROLIB_SIMD_LOOP
             for (int c = measureFrom; c < measureTo; ++c)
                 measureColumn<false>(up, mid, down, c, last, settings, work);
             for (int c = measureTo; c < hi; ++c)
@@ -318,7 +318,7 @@ void StaticPatternRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& 
             std::int32_t* frame = mFramePattern[y];
             for (int c = begin; c < correctFrom; ++c)
                 correctColumn<true>(mid, out, frame, c, last, settings, work);
-#pragma GCC ivdep
+KROLIB_SIMD_LOOP
             for (int c = correctFrom; c < correctTo; ++c)
                 correctColumn<false>(mid, out, frame, c, last, settings, work);
             for (int c = correctTo; c < end; ++c)

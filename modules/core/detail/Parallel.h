@@ -33,6 +33,15 @@
 #include <omp.h>
 #endif
 
+// Marks a loop whose iterations are independent for vectorisation (OpenMP's
+// simd directive, the one OpenMP construct allowed outside this file's
+// functions, always through this macro). Nothing when built without OpenMP.
+#ifdef _OPENMP
+#define KROLIB_SIMD_LOOP _Pragma("omp simd")
+#else
+#define KROLIB_SIMD_LOOP
+#endif
+
 namespace velmor {
 namespace kro {
 namespace parallel {

@@ -87,7 +87,7 @@ void stencilRow(const TvWeights& L, const float* x, int r, int W, float* out)
     // out never overlaps x or the weights; with nine arrays the compiler
     // cannot prove it by itself and would not vectorise. Each element keeps
     // its own order of operations.
-#pragma GCC ivdep
+KROLIB_SIMD_LOOP
     for (int c = 1; c < W - 1; ++c) {
         const std::size_t p = p0 + c;
         float sum = L.Lr[p] + L.Ld[p] + L.Ldl[p] + L.Ldr[p];
