@@ -274,6 +274,292 @@ Diagnosis diagnose(const Dataset& d, const EngineSettings& defaults, double gain
     return g;
 }
 
+// ---------------------------------------------------------------------------
+// The measurement
+
+const std::vector<double> kNoises = {8.0, 32.0};
+const char* const kBicubicName = "bicubic (reference frame)";
+const char* const kBtvName = "BTV-L1 (OpenCV superres, 8-bit)";
+
+std::vector<cv::Size> lowSizes(const Options& options)
+{
+    return options.quick ? std::vector<cv::Size>{{160, 120}}
+                         : std::vector<cv::Size>{{160, 120}, {320, 240}, {640, 512}};
+}
+
+// BTV-L1 takes seconds per output (tens at 640x512, and its first call
+// reconstructs five outputs): it runs on every procedural seed at noise 8
+// and on the first seed otherwise at 160x120, on the first seed at noise 8
+// at 320x240 and 640x512, so that the whole benchmark stays within its
+// time budget.
+bool btvRuns(const Options& options, cv::Size low, double noise, int seed, bool procedural)
+{
+    if (!options.btv)
+        return false;
+    if (low.width <= 160)
+        return seed == 1 || (procedural && noise == kNoises.front());
+    return seed == 1 && noise == kNoises.front() && (procedural || low.width <= 320);
+}
+
+Dataset makeDataset(const std::string& source, const std::string& how, cv::Size low, double noise, int seed,
+                    const cv::Mat_<float>& truth, bool runBtv)
+{
+    Dataset d;
+    d.source = source;
+    d.how = how;
+    d.low = low;
+    d.noise = noise;
+    d.seed = static_cast<std::uint64_t>(seed);
+    d.burst = makeBurst(truth, noise, d.seed);
+    d.runBtv = runBtv;
+    return d;
+}
+
+std::vector<Dataset> makeDatasets(const Options& options, const std::vector<cv::Size>& sizes)
+{
+    std::vector<Dataset> datasets;
+    for (const cv::Size& low : sizes) {
+        const int seeds = options.quick ? 1 : (low.width >= 640 ? 2 : 3);
+        for (double noise : kNoises)
+            for (int seed = 1; seed <= seeds; ++seed)
+                datasets.push_back(makeDataset(
+                    "procedural", "procedural scene " + sizeText(low * 2) + ", seed " + std::to_string(seed), low,
+                    noise, seed, krotools::proceduralScene(2 * low.height, 2 * low.width, seed),
+                    btvRuns(options, low, noise, seed, true)));
+    }
+    // The real still is 640x512: its central 640x480 is the truth for
+    // 320x240 frames and, reduced by 2 (pixel-area averaging), for 160x120
+    // frames. 640x512 frames would need a 1280x1024 truth, which the still
+    // cannot give.
+    const cv::Mat_<float> still = bundledStill();
+    const cv::Mat_<float> still640x480 = still(cv::Rect(0, (still.rows - 480) / 2, 640, 480)).clone();
+    for (const cv::Size& low : sizes) {
+        if (low.width > 320)
+            continue;
+        cv::Mat_<float> truth = still640x480;
+        std::string how = "real still, central 640x480";
+        if (low.width == 160) {
+            cv::resize(still640x480, truth, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
+            how += " reduced to 320x240 (pixel area)";
+        }
+        const int seeds = options.quick ? 1 : 3;
+        for (double noise : kNoises)
+            for (int seed = 1; seed <= seeds; ++seed)
+                datasets.push_back(makeDataset("real still", how + ", burst seed " + std::to_string(seed), low,
+                                               noise, seed, truth, btvRuns(options, low, noise, seed, false)));
+    }
+    return datasets;
+}
+
+std::vector<EngineSettings> engineMethods()
+{
+    std::vector<EngineSettings> engines;
+    EngineSettings reg2;
+    reg2.name = "SrFloat corners (C defaults)";
+    engines.push_back(reg2);
+    EngineSettings reg1 = reg2;
+    reg1.name = "SrFloat phase (C defaults)";
+    reg1.corners = false;
+    engines.push_back(reg1);
+    engines.push_back(tunedSettings());
+    return engines;
+}
+
+// One result, measured against the burst's truth and printed as it comes.
+Row makeRow(const std::string& method, const Dataset& d, const cv::Mat_<float>& image, double firstMs,
+            double steadyMs, const std::string& note)
+{
+    Row r;
+    r.method = method;
+    r.source = d.source;
+    r.low = d.low;
+    r.noise = d.noise;
+    r.seed = d.seed;
+    const krotools::Quality q = krotools::measureQuality(d.burst.truth, image, kBorder);
+    r.psnr = q.psnr;
+    r.ssim = q.ssim;
+    r.offset = q.offset;
+    r.firstMs = firstMs;
+    r.steadyMs = steadyMs;
+    r.note = note;
+    std::ostringstream line;
+    line << std::left << std::setw(32) << method << std::setw(11) << d.source << " " << std::setw(8)
+         << sizeText(d.low) << " noise " << std::setw(3) << d.noise << " seed " << d.seed << std::right << std::fixed
+         << std::setprecision(2) << "  PSNR " << std::setw(6) << r.psnr << " dB  SSIM " << std::setprecision(4)
+         << r.ssim << std::setprecision(1) << "  first " << std::setw(8) << firstMs << " ms  steady " << std::setw(8)
+         << steadyMs << " ms  offset (" << std::setprecision(2) << q.offset.x << ", " << q.offset.y << ")"
+         << (note.empty() ? "" : "  " + note);
+    std::cout << line.str() << std::endl;
+    return r;
+}
+
+struct Measured {
+    std::vector<Row> rows;
+    std::vector<Diagnosis> diagnoses;
+    double totalSeconds = 0.0;
+};
+
+// BTV-L1's steady state: one longer sequence per size (procedural, noise 8,
+// seed 1), timed after its first call, given to every BTV-L1 row of that size.
+void addBtvSteadyState(const std::vector<cv::Size>& sizes, const std::vector<Dataset>& datasets,
+                       std::vector<Row>& rows)
+{
+    std::map<std::string, double> btvSteady;
+    for (const cv::Size& low : sizes)
+        for (const Dataset& d : datasets)
+            if (d.low == low && d.source == "procedural" && d.noise == kNoises.front() && d.seed == 1) {
+                const int later = low.width >= 640 ? 1 : 2;
+                const int count = std::min(static_cast<int>(d.burst.frames.size()), 2 * kBtvRadius + 1 + later);
+                const BtvRun run = runBtv(d.burst, count, 1 + later);
+                btvSteady[sizeText(low)] = median(run.laterMs);
+                std::cout << "BTV-L1 steady state " << sizeText(low) << ": first call " << run.firstMs
+                          << " ms, then " << median(run.laterMs) << " ms per output" << std::endl;
+            }
+    for (Row& r : rows)
+        if (r.method == kBtvName && btvSteady.count(sizeText(r.low)))
+            r.steadyMs = btvSteady[sizeText(r.low)];
+}
+
+Measured measureAll(const Options& options, const std::vector<cv::Size>& sizes,
+                    const std::vector<Dataset>& datasets, const std::vector<EngineSettings>& engines)
+{
+    Measured m;
+    const Clock::time_point allStart = Clock::now();
+    for (const Dataset& d : datasets) {
+        std::cout << "-- " << sizeText(d.low) << ", " << d.how << ", noise " << d.noise << " ("
+                  << static_cast<int>(msSince(allStart) / 1000.0) << " s)" << std::endl;
+        const Output b = runBicubic(d.burst);
+        m.rows.push_back(makeRow(kBicubicName, d, b.image, b.firstMs, b.steadyMs, ""));
+        const double bicubicPsnr = m.rows.back().psnr;
+        for (const EngineSettings& e : engines) {
+            const Output o = runEngine(e, d.burst, true);
+            m.rows.push_back(makeRow(e.name, d, o.image, o.firstMs, o.steadyMs, o.note));
+            if (&e == &engines.front() && d.noise == kNoises.front() && d.seed == 1)
+                m.diagnoses.push_back(diagnose(d, e, m.rows.back().psnr - bicubicPsnr, o.shifts));
+        }
+        if (d.runBtv) {
+            const BtvRun btv = runBtv(d.burst, kWindow, kReferencePosition + 1);
+            m.rows.push_back(makeRow(kBtvName, d, btv.reference, btv.firstMs, NAN, ""));
+        }
+    }
+    if (options.btv)
+        addBtvSteadyState(sizes, datasets, m.rows);
+    m.totalSeconds = msSince(allStart) / 1000.0;
+    std::cout << "total " << m.totalSeconds << " s" << std::endl;
+    return m;
+}
+
+// ---------------------------------------------------------------------------
+// Chart and JSON
+
+// The chart: mean PSNR over the procedural noise-8 bursts that every method
+// ran on, against the median steady-state time. Returns the same points as
+// JSON entries.
+std::string writeChart(const Options& options, const std::vector<cv::Size>& sizes,
+                       const std::vector<Dataset>& datasets, const std::vector<EngineSettings>& engines,
+                       const std::vector<Row>& rows)
+{
+    std::vector<std::string> methods;
+    for (const EngineSettings& e : engines)
+        methods.push_back(e.name);
+    methods.push_back(kBicubicName);
+    if (options.btv)
+        methods.push_back(kBtvName);
+    std::vector<std::string> sizeNames;
+    std::vector<ChartPoint> points;
+    std::ostringstream summary;
+    for (std::size_t s = 0; s < sizes.size(); ++s) {
+        sizeNames.push_back(sizeText(sizes[s]));
+        for (std::size_t m = 0; m < methods.size(); ++m) {
+            std::vector<double> psnrs, steady;
+            for (const Dataset& d : datasets) {
+                if (d.low != sizes[s] || d.source != "procedural" || d.noise != kNoises.front())
+                    continue;
+                if (options.btv && !d.runBtv)
+                    continue;
+                for (const Row& r : rows)
+                    if (r.method == methods[m] && r.low == d.low && r.source == d.source && r.noise == d.noise &&
+                        r.seed == d.seed) {
+                        psnrs.push_back(r.psnr);
+                        steady.push_back(r.steadyMs);
+                    }
+            }
+            ChartPoint p;
+            p.series = static_cast<int>(m);
+            p.marker = static_cast<int>(s);
+            p.label = sizeText(sizes[s]);
+            p.ms = median(steady);
+            p.psnr = mean(psnrs);
+            points.push_back(p);
+            summary << (points.size() == 1 ? "" : ",\n") << "    {\"method\": " << jsonString(methods[m])
+                    << ", \"size\": " << jsonString(sizeText(sizes[s])) << ", \"psnr\": " << jsonNumber(p.psnr)
+                    << ", \"steady_ms\": " << jsonNumber(p.ms, 3) << ", \"bursts\": " << psnrs.size() << "}";
+        }
+    }
+    const std::string chartPath = options.out + "/sr_quality.png";
+    drawQualityChart(points, methods, sizeNames, "Super-resolution x2: quality against time per output frame",
+                     "procedural bursts, noise 8 counts (14-bit), mean PSNR over the bursts every method ran on; "
+                     "steady state, " + std::to_string(options.threads) + " threads",
+                     chartPath);
+    std::cout << "wrote " << chartPath << std::endl;
+    return summary.str();
+}
+
+void writeRows(std::ostream& json, const std::vector<Dataset>& datasets, const Measured& m)
+{
+    for (std::size_t i = 0; i < datasets.size(); ++i) {
+        const Dataset& d = datasets[i];
+        json << "    {\"source\": " << jsonString(d.source) << ", \"size\": " << jsonString(sizeText(d.low))
+             << ", \"noise\": " << d.noise << ", \"seed\": " << d.seed << ", \"how\": " << jsonString(d.how)
+             << ", \"btv\": " << (d.runBtv ? "true" : "false") << "}" << (i + 1 < datasets.size() ? "," : "")
+             << "\n";
+    }
+    json << "  ],\n  \"rows\": [\n";
+    for (std::size_t i = 0; i < m.rows.size(); ++i) {
+        const Row& r = m.rows[i];
+        json << "    {\"method\": " << jsonString(r.method) << ", \"source\": " << jsonString(r.source)
+             << ", \"size\": " << jsonString(sizeText(r.low)) << ", \"noise\": " << r.noise << ", \"seed\": " << r.seed
+             << ", \"psnr\": " << jsonNumber(r.psnr) << ", \"ssim\": " << jsonNumber(r.ssim, 5)
+             << ", \"offset_x\": " << jsonNumber(r.offset.x, 3) << ", \"offset_y\": " << jsonNumber(r.offset.y, 3)
+             << ", \"first_ms\": " << jsonNumber(r.firstMs, 3) << ", \"steady_ms\": " << jsonNumber(r.steadyMs, 3)
+             << ", \"note\": " << jsonString(r.note) << "}" << (i + 1 < m.rows.size() ? "," : "") << "\n";
+    }
+    json << "  ],\n  \"diagnosis\": [\n";
+    for (std::size_t i = 0; i < m.diagnoses.size(); ++i) {
+        const Diagnosis& g = m.diagnoses[i];
+        json << "    {\"source\": " << jsonString(g.source) << ", \"size\": " << jsonString(sizeText(g.low))
+             << ", \"seed\": " << g.seed << ", \"registration_error\": " << jsonNumber(g.registrationError)
+             << ", \"gain_defaults\": " << jsonNumber(g.gainDefaults)
+             << ", \"gain_converged\": " << jsonNumber(g.gainConverged)
+             << ", \"gain_matched_psf\": " << jsonNumber(g.gainMatchedPsf) << ", \"gain_both\": " << jsonNumber(g.gainBoth)
+             << ", \"gain_model_burst\": " << jsonNumber(g.gainModelBurst)
+             << ", \"gain_sensor_blur_only\": " << jsonNumber(g.gainSensorBlurOnly) << "}"
+             << (i + 1 < m.diagnoses.size() ? "," : "") << "\n";
+    }
+}
+
+void writeJson(const Options& options, const std::vector<Dataset>& datasets, const Measured& m,
+               const std::string& chartEntries)
+{
+    const std::string jsonPath = options.out + "/sr_quality.json";
+    std::ofstream json(jsonPath, std::ios::trunc);
+    json << "{\n  \"krolib_version\": " << jsonString(KROLIB_VERSION_STRING) << ",\n"
+         << "  \"threads\": " << options.threads << ",\n"
+         << "  \"border\": " << kBorder << ",\n"
+         << "  \"steady_frames\": " << kSteadyFrames << ",\n"
+         << "  \"total_seconds\": " << jsonNumber(m.totalSeconds, 1) << ",\n"
+         << "  \"btv_defaults\": " << jsonString(btvDefaults()) << ",\n";
+    const EngineSettings t = tunedSettings();
+    json << "  \"tuned\": {\"psf_sigma\": " << t.psfSigma << ", \"weight_tv\": " << t.weightTV
+         << ", \"max_cg_iters\": " << t.maxCGIters << ", \"relative_residue\": " << t.relativeResidue << "},\n"
+         << "  \"datasets\": [\n";
+    writeRows(json, datasets, m);
+    json << "  ],\n  \"chart\": [\n" << chartEntries << "\n  ]\n}\n";
+    if (!json.flush())
+        throw std::runtime_error("cannot write " + jsonPath);
+    std::cout << "wrote " << jsonPath << std::endl;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -286,246 +572,12 @@ int main(int argc, char** argv)
             tune();
             return 0;
         }
-
-        // ---- data sets
-        std::vector<Dataset> datasets;
-        const std::vector<cv::Size> sizes = options.quick ? std::vector<cv::Size>{{160, 120}}
-                                                          : std::vector<cv::Size>{{160, 120}, {320, 240}, {640, 512}};
-        const std::vector<double> noises = {8.0, 32.0};
-        // BTV-L1 takes seconds per output (tens at 640x512, and its first
-        // call reconstructs five outputs): it runs on every procedural seed
-        // at noise 8 and on the first seed otherwise at 160x120, on the first
-        // seed at noise 8 at 320x240 and 640x512, so that the whole benchmark
-        // stays within its time budget.
-        auto btvRuns = [&](cv::Size low, double noise, int seed, bool procedural) {
-            if (!options.btv)
-                return false;
-            if (low.width <= 160)
-                return seed == 1 || (procedural && noise == noises.front());
-            return seed == 1 && noise == noises.front() && (procedural || low.width <= 320);
-        };
-        for (const cv::Size& low : sizes) {
-            const int seeds = options.quick ? 1 : (low.width >= 640 ? 2 : 3);
-            for (double noise : noises)
-                for (int seed = 1; seed <= seeds; ++seed) {
-                    Dataset d;
-                    d.source = "procedural";
-                    d.how = "procedural scene " + sizeText(low * 2) + ", seed " + std::to_string(seed);
-                    d.low = low;
-                    d.noise = noise;
-                    d.seed = static_cast<std::uint64_t>(seed);
-                    d.burst = makeBurst(krotools::proceduralScene(2 * low.height, 2 * low.width, d.seed), noise,
-                                        d.seed);
-                    d.runBtv = btvRuns(low, noise, seed, true);
-                    datasets.push_back(std::move(d));
-                }
-        }
-        // The real still is 640x512: its central 640x480 is the truth for
-        // 320x240 frames and, reduced by 2 (pixel-area averaging), for
-        // 160x120 frames. 640x512 frames would need a 1280x1024 truth, which
-        // the still cannot give.
-        const cv::Mat_<float> still = bundledStill();
-        const cv::Mat_<float> still640x480 = still(cv::Rect(0, (still.rows - 480) / 2, 640, 480)).clone();
-        for (const cv::Size& low : sizes) {
-            if (low.width > 320)
-                continue;
-            cv::Mat_<float> truth = still640x480;
-            std::string how = "real still, central 640x480";
-            if (low.width == 160) {
-                cv::resize(still640x480, truth, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
-                how += " reduced to 320x240 (pixel area)";
-            }
-            const int seeds = options.quick ? 1 : 3;
-            for (double noise : noises)
-                for (int seed = 1; seed <= seeds; ++seed) {
-                    Dataset d;
-                    d.source = "real still";
-                    d.how = how + ", burst seed " + std::to_string(seed);
-                    d.low = low;
-                    d.noise = noise;
-                    d.seed = static_cast<std::uint64_t>(seed);
-                    d.burst = makeBurst(truth, noise, d.seed);
-                    d.runBtv = btvRuns(low, noise, seed, false);
-                    datasets.push_back(std::move(d));
-                }
-        }
-
-        // ---- methods
-        std::vector<EngineSettings> engines;
-        EngineSettings reg2;
-        reg2.name = "SrFloat corners (C defaults)";
-        engines.push_back(reg2);
-        EngineSettings reg1 = reg2;
-        reg1.name = "SrFloat phase (C defaults)";
-        reg1.corners = false;
-        engines.push_back(reg1);
-        engines.push_back(tunedSettings());
-        const std::string bicubicName = "bicubic (reference frame)";
-        const std::string btvName = "BTV-L1 (OpenCV superres, 8-bit)";
-
-        std::vector<Row> rows;
-        std::vector<Diagnosis> diagnoses;
-        auto addRow = [&](const std::string& method, const Dataset& d, const cv::Mat_<float>& image, double firstMs,
-                          double steadyMs, const std::string& note) {
-            Row r;
-            r.method = method;
-            r.source = d.source;
-            r.low = d.low;
-            r.noise = d.noise;
-            r.seed = d.seed;
-            const krotools::Quality q = krotools::measureQuality(d.burst.truth, image, kBorder);
-            r.psnr = q.psnr;
-            r.ssim = q.ssim;
-            r.offset = q.offset;
-            r.firstMs = firstMs;
-            r.steadyMs = steadyMs;
-            r.note = note;
-            std::ostringstream line;
-            line << std::left << std::setw(32) << method << std::setw(11) << d.source << " " << std::setw(8)
-                 << sizeText(d.low) << " noise " << std::setw(3) << d.noise << " seed " << d.seed << std::right
-                 << std::fixed << std::setprecision(2) << "  PSNR " << std::setw(6) << r.psnr << " dB  SSIM "
-                 << std::setprecision(4) << r.ssim << std::setprecision(1) << "  first " << std::setw(8) << firstMs
-                 << " ms  steady " << std::setw(8) << steadyMs << " ms  offset (" << std::setprecision(2)
-                 << q.offset.x << ", " << q.offset.y << ")" << (note.empty() ? "" : "  " + note);
-            std::cout << line.str() << std::endl;
-            rows.push_back(r);
-            return r;
-        };
-
-        const Clock::time_point allStart = Clock::now();
-        for (const Dataset& d : datasets) {
-            std::cout << "-- " << sizeText(d.low) << ", " << d.how << ", noise " << d.noise << " ("
-                      << static_cast<int>(msSince(allStart) / 1000.0) << " s)" << std::endl;
-            const Output b = runBicubic(d.burst);
-            const Row bicubic = addRow(bicubicName, d, b.image, b.firstMs, b.steadyMs, "");
-            for (const EngineSettings& e : engines) {
-                const Output o = runEngine(e, d.burst, true);
-                const Row r = addRow(e.name, d, o.image, o.firstMs, o.steadyMs, o.note);
-                if (&e == &engines.front() && d.noise == noises.front() && d.seed == 1)
-                    diagnoses.push_back(diagnose(d, e, r.psnr - bicubic.psnr, o.shifts));
-            }
-            if (d.runBtv) {
-                const BtvRun btv = runBtv(d.burst, kWindow, kReferencePosition + 1);
-                addRow(btvName, d, btv.reference, btv.firstMs, NAN, "");
-            }
-        }
-        // BTV-L1's steady state: one longer sequence per size (procedural,
-        // noise 8, seed 1), timed after its first call.
-        std::map<std::string, double> btvSteady;
-        if (options.btv)
-            for (const cv::Size& low : sizes) {
-                for (const Dataset& d : datasets)
-                    if (d.low == low && d.source == "procedural" && d.noise == noises.front() && d.seed == 1) {
-                        const int later = low.width >= 640 ? 1 : 2;
-                        const int count = std::min(static_cast<int>(d.burst.frames.size()), 2 * kBtvRadius + 1 + later);
-                        const BtvRun run = runBtv(d.burst, count, 1 + later);
-                        btvSteady[sizeText(low)] = median(run.laterMs);
-                        std::cout << "BTV-L1 steady state " << sizeText(low) << ": first call " << run.firstMs
-                                  << " ms, then " << median(run.laterMs) << " ms per output" << std::endl;
-                    }
-            }
-        for (Row& r : rows)
-            if (r.method == btvName && btvSteady.count(sizeText(r.low)))
-                r.steadyMs = btvSteady[sizeText(r.low)];
-        const double totalSeconds = msSince(allStart) / 1000.0;
-        std::cout << "total " << totalSeconds << " s" << std::endl;
-
-        // ---- the chart: mean PSNR over the procedural noise-8 bursts that
-        // every method ran on, against the median steady-state time.
-        std::vector<std::string> methods;
-        for (const EngineSettings& e : engines)
-            methods.push_back(e.name);
-        methods.push_back(bicubicName);
-        if (options.btv)
-            methods.push_back(btvName);
-        std::vector<std::string> sizeNames;
-        std::vector<ChartPoint> points;
-        std::ostringstream summary;
-        bool firstSummary = true;
-        for (std::size_t s = 0; s < sizes.size(); ++s) {
-            sizeNames.push_back(sizeText(sizes[s]));
-            for (std::size_t m = 0; m < methods.size(); ++m) {
-                std::vector<double> psnrs, steady;
-                for (const Dataset& d : datasets) {
-                    if (d.low != sizes[s] || d.source != "procedural" || d.noise != noises.front())
-                        continue;
-                    if (options.btv && !d.runBtv)
-                        continue;
-                    for (const Row& r : rows)
-                        if (r.method == methods[m] && r.low == d.low && r.source == d.source && r.noise == d.noise &&
-                            r.seed == d.seed) {
-                            psnrs.push_back(r.psnr);
-                            steady.push_back(r.steadyMs);
-                        }
-                }
-                ChartPoint p;
-                p.series = static_cast<int>(m);
-                p.marker = static_cast<int>(s);
-                p.label = sizeText(sizes[s]);
-                p.ms = median(steady);
-                p.psnr = mean(psnrs);
-                points.push_back(p);
-                summary << (firstSummary ? "" : ",\n") << "    {\"method\": " << jsonString(methods[m])
-                        << ", \"size\": " << jsonString(sizeText(sizes[s])) << ", \"psnr\": " << jsonNumber(p.psnr)
-                        << ", \"steady_ms\": " << jsonNumber(p.ms, 3) << ", \"bursts\": " << psnrs.size() << "}";
-                firstSummary = false;
-            }
-        }
-        const std::string chartPath = options.out + "/sr_quality.png";
-        drawQualityChart(points, methods, sizeNames, "Super-resolution x2: quality against time per output frame",
-                         "procedural bursts, noise 8 counts (14-bit), mean PSNR over the bursts every method ran on; "
-                         "steady state, " + std::to_string(options.threads) + " threads",
-                         chartPath);
-        std::cout << "wrote " << chartPath << std::endl;
-
-        // ---- JSON
-        const std::string jsonPath = options.out + "/sr_quality.json";
-        std::ofstream json(jsonPath, std::ios::trunc);
-        json << "{\n  \"krolib_version\": " << jsonString(KROLIB_VERSION_STRING) << ",\n"
-             << "  \"threads\": " << options.threads << ",\n"
-             << "  \"border\": " << kBorder << ",\n"
-             << "  \"steady_frames\": " << kSteadyFrames << ",\n"
-             << "  \"total_seconds\": " << jsonNumber(totalSeconds, 1) << ",\n"
-             << "  \"btv_defaults\": " << jsonString(btvDefaults()) << ",\n";
-        const EngineSettings t = tunedSettings();
-        json << "  \"tuned\": {\"psf_sigma\": " << t.psfSigma << ", \"weight_tv\": " << t.weightTV
-             << ", \"max_cg_iters\": " << t.maxCGIters << ", \"relative_residue\": " << t.relativeResidue << "},\n"
-             << "  \"datasets\": [\n";
-        for (std::size_t i = 0; i < datasets.size(); ++i) {
-            const Dataset& d = datasets[i];
-            json << "    {\"source\": " << jsonString(d.source) << ", \"size\": " << jsonString(sizeText(d.low))
-                 << ", \"noise\": " << d.noise << ", \"seed\": " << d.seed << ", \"how\": " << jsonString(d.how)
-                 << ", \"btv\": " << (d.runBtv ? "true" : "false") << "}" << (i + 1 < datasets.size() ? "," : "")
-                 << "\n";
-        }
-        json << "  ],\n  \"rows\": [\n";
-        for (std::size_t i = 0; i < rows.size(); ++i) {
-            const Row& r = rows[i];
-            json << "    {\"method\": " << jsonString(r.method) << ", \"source\": " << jsonString(r.source)
-                 << ", \"size\": " << jsonString(sizeText(r.low)) << ", \"noise\": " << r.noise
-                 << ", \"seed\": " << r.seed << ", \"psnr\": " << jsonNumber(r.psnr)
-                 << ", \"ssim\": " << jsonNumber(r.ssim, 5) << ", \"offset_x\": " << jsonNumber(r.offset.x, 3)
-                 << ", \"offset_y\": " << jsonNumber(r.offset.y, 3) << ", \"first_ms\": " << jsonNumber(r.firstMs, 3)
-                 << ", \"steady_ms\": " << jsonNumber(r.steadyMs, 3) << ", \"note\": " << jsonString(r.note) << "}"
-                 << (i + 1 < rows.size() ? "," : "") << "\n";
-        }
-        json << "  ],\n  \"diagnosis\": [\n";
-        for (std::size_t i = 0; i < diagnoses.size(); ++i) {
-            const Diagnosis& g = diagnoses[i];
-            json << "    {\"source\": " << jsonString(g.source) << ", \"size\": " << jsonString(sizeText(g.low))
-                 << ", \"seed\": " << g.seed << ", \"registration_error\": " << jsonNumber(g.registrationError)
-                 << ", \"gain_defaults\": " << jsonNumber(g.gainDefaults)
-                 << ", \"gain_converged\": " << jsonNumber(g.gainConverged)
-                 << ", \"gain_matched_psf\": " << jsonNumber(g.gainMatchedPsf)
-                 << ", \"gain_both\": " << jsonNumber(g.gainBoth)
-                 << ", \"gain_model_burst\": " << jsonNumber(g.gainModelBurst)
-                 << ", \"gain_sensor_blur_only\": " << jsonNumber(g.gainSensorBlurOnly) << "}"
-                 << (i + 1 < diagnoses.size() ? "," : "") << "\n";
-        }
-        json << "  ],\n  \"chart\": [\n" << summary.str() << "\n  ]\n}\n";
-        if (!json.flush())
-            throw std::runtime_error("cannot write " + jsonPath);
-        std::cout << "wrote " << jsonPath << std::endl;
+        const std::vector<cv::Size> sizes = lowSizes(options);
+        const std::vector<Dataset> datasets = makeDatasets(options, sizes);
+        const std::vector<EngineSettings> engines = engineMethods();
+        const Measured measured = measureAll(options, sizes, datasets, engines);
+        const std::string chartEntries = writeChart(options, sizes, datasets, engines, measured.rows);
+        writeJson(options, datasets, measured, chartEntries);
         return 0;
     } catch (const std::exception& e) {
         std::cerr << "SrQualityCompare: " << e.what() << std::endl;
