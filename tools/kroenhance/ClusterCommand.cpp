@@ -65,6 +65,74 @@ const char* const kClusterExamples =
     "  kroenhance cluster --size 640x512 --format u16 drive.raw -o drive_cluster.raw\n"
     "  kroenhance cluster --window 16 --save-map map.pfm --size 640x512 --format u16 drive.raw -o out.raw\n";
 
+ClusterPatternRemover::FILTERMODE clusterModeFromCommandLine(Cli& cli)
+{
+    const std::string modeName = cli.stringOption("--mode", "median");
+    if (modeName == "gaussian")
+        return ClusterPatternRemover::GAUSSIAN;
+    if (modeName != "median")
+        throw UsageError("option --mode: \"" + modeName + "\" is not median or gaussian");
+    return ClusterPatternRemover::MEDIAN;
+}
+
+std::string mapPathFromCommandLine(Cli& cli)
+{
+    const std::string mapPath = cli.stringOption("--save-map", "");
+    if (!mapPath.empty()) {
+        const std::string lower = cv::toLowerCase(mapPath);
+        const auto endsWith = [&](const std::string& ext) {
+            return lower.size() > ext.size() && lower.compare(lower.size() - ext.size(), ext.size(), ext) == 0;
+        };
+        if (!endsWith(".pfm") && !endsWith(".tif") && !endsWith(".tiff"))
+            throw UsageError("option --save-map: \"" + mapPath + "\" must end in .pfm, .tif or .tiff");
+    }
+    return mapPath;
+}
+
+// First pass: the damping map learnt from every full window of the
+// recording (from the whole recording when it is shorter than a window).
+void learnDamping(FrameReader& reader, ClusterPatternRemover& remover, int window,
+                  ClusterPatternRemover::FILTERMODE mode)
+{
+    std::deque<cv::Mat_<float>> recent;
+    cv::Mat frame;
+    cv::Mat_<float> asFloat;
+    long long updates = 0, done = 0;
+    Progress progress("cluster (learning)", reader.frameCount());
+    while (reader.read(frame)) {
+        frame.convertTo(asFloat, CV_32F);
+        recent.push_back(asFloat.clone());
+        if (static_cast<int>(recent.size()) > window)
+            recent.pop_front();
+        if (static_cast<int>(recent.size()) == window) {
+            remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
+            ++updates;
+        }
+        progress.update(++done);
+    }
+    if (updates == 0)
+        remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
+}
+
+// Second pass: the learnt map applied to every frame, in the input's depth.
+void applyLearntDamping(FrameReader& reader, const ClusterPatternRemover& remover, FrameWriter& writer, int depth)
+{
+    reader.rewind();
+    Progress progress("cluster (applying)", reader.frameCount());
+    cv::Mat frame;
+    cv::Mat_<float> asFloat;
+    cv::Mat_<float> damped;
+    cv::Mat result;
+    long long done = 0;
+    while (reader.read(frame)) {
+        frame.convertTo(asFloat, CV_32F);
+        remover.applyDamping(asFloat, damped);
+        damped.convertTo(result, depth);
+        writer.write(result);
+        progress.update(++done);
+    }
+}
+
 int runCluster(const std::vector<std::string>& args)
 {
     Cli cli(args);
@@ -78,21 +146,8 @@ int runCluster(const std::vector<std::string>& args)
     options.meanLimit = static_cast<float>(filterOption(cli, "--mean-limit", options.meanLimit, rules::clusterLimit));
     options.alphaDamping = static_cast<float>(filterOption(cli, "--alpha", options.alphaDamping, rules::alphaDamping));
     const int window = static_cast<int>(cli.intOption("--window", 8, 2, 1000));
-    const std::string modeName = cli.stringOption("--mode", "median");
-    ClusterPatternRemover::FILTERMODE mode = ClusterPatternRemover::MEDIAN;
-    if (modeName == "gaussian")
-        mode = ClusterPatternRemover::GAUSSIAN;
-    else if (modeName != "median")
-        throw UsageError("option --mode: \"" + modeName + "\" is not median or gaussian");
-    const std::string mapPath = cli.stringOption("--save-map", "");
-    if (!mapPath.empty()) {
-        const std::string lower = cv::toLowerCase(mapPath);
-        const auto endsWith = [&](const std::string& ext) {
-            return lower.size() > ext.size() && lower.compare(lower.size() - ext.size(), ext.size(), ext) == 0;
-        };
-        if (!endsWith(".pfm") && !endsWith(".tif") && !endsWith(".tiff"))
-            throw UsageError("option --save-map: \"" + mapPath + "\" must end in .pfm, .tif or .tiff");
-    }
+    const ClusterPatternRemover::FILTERMODE mode = clusterModeFromCommandLine(cli);
+    const std::string mapPath = mapPathFromCommandLine(cli);
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
 
@@ -102,31 +157,8 @@ int runCluster(const std::vector<std::string>& args)
                        " frames; cluster needs single-channel frames");
     const int depth = CV_MAT_DEPTH(reader.frameType());
 
-    // The third constructor argument sets both the std-dev limit and the
-    // blend factor: set the blend factor apart.
     ClusterPatternRemover remover(options);
-
-    std::deque<cv::Mat_<float>> recent;
-    cv::Mat frame;
-    cv::Mat_<float> asFloat;
-    long long updates = 0, done = 0;
-    {
-        Progress progress("cluster (learning)", reader.frameCount());
-        while (reader.read(frame)) {
-            frame.convertTo(asFloat, CV_32F);
-            recent.push_back(asFloat.clone());
-            if (static_cast<int>(recent.size()) > window)
-                recent.pop_front();
-            if (static_cast<int>(recent.size()) == window) {
-                remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
-                ++updates;
-            }
-            progress.update(++done);
-        }
-        if (updates == 0)
-            remover.updateDamping(recent.back(), temporalStdDev(recent), mode);
-    }
-    recent.clear();
+    learnDamping(reader, remover, window, mode);
 
     FrameWriter writer(output.path, outputRawFormat(output, input, depth));
     std::unique_ptr<FrameWriter> mapWriter;
@@ -136,18 +168,7 @@ int runCluster(const std::vector<std::string>& args)
         mapWriter.reset(new FrameWriter(mapPath, SampleFormat::F32));
         mapWriter->write(map);
     }
-    reader.rewind();
-    Progress progress("cluster (applying)", reader.frameCount());
-    cv::Mat_<float> damped;
-    cv::Mat result;
-    done = 0;
-    while (reader.read(frame)) {
-        frame.convertTo(asFloat, CV_32F);
-        remover.applyDamping(asFloat, damped);
-        damped.convertTo(result, depth);
-        writer.write(result);
-        progress.update(++done);
-    }
+    applyLearntDamping(reader, remover, writer, depth);
     writer.commit();
     if (mapWriter)
         mapWriter->commit();

@@ -113,6 +113,30 @@ void checkSrInput(const FrameReader& reader, const SrSettings& settings)
     }
 }
 
+// Feeds every input frame to the session and writes each output frame it
+// gives; warns once about each kind of failure.
+std::vector<SrFrameRecord> reconstructAll(FrameReader& reader, SrSession& session, FrameWriter& writer,
+                                          bool showProgress)
+{
+    const long long inputFrames = reader.frameCount();
+    const int window = session.settings().window;
+    Progress progress("sr", inputFrames >= 0 ? inputFrames - window + 1 : 0, showProgress);
+    Warnings warnings;
+    std::vector<SrFrameRecord> records;
+    cv::Mat frame;
+    cv::Mat_<float> result;
+    SrFrameRecord record;
+    while (reader.read(frame)) {
+        if (!session.addFrame(frame, result, record))
+            continue;
+        writer.write(result);
+        records.push_back(record);
+        warnAbout(record, warnings);
+        progress.update(static_cast<long long>(records.size()));
+    }
+    return records;
+}
+
 int runSr(const std::vector<std::string>& args)
 {
     Cli cli(args);
@@ -138,7 +162,6 @@ int runSr(const std::vector<std::string>& args)
 
     FrameReader reader(input);
     checkSrInput(reader, settings);
-    const long long inputFrames = reader.frameCount();
     SrSession session(settings, reader.frameSize());
     const SampleFormat rawFormat = output.formatGiven ? output.format : SampleFormat::F32;
     FrameWriter writer(output.path, rawFormat);
@@ -150,20 +173,7 @@ int runSr(const std::vector<std::string>& args)
 
     velmor::kro::StopWatch clock;
     clock.start();
-    Progress progress("sr", inputFrames >= 0 ? inputFrames - settings.window + 1 : 0, !quiet);
-    Warnings warnings;
-    std::vector<SrFrameRecord> records;
-    cv::Mat frame;
-    cv::Mat_<float> result;
-    SrFrameRecord record;
-    while (reader.read(frame)) {
-        if (!session.addFrame(frame, result, record))
-            continue;
-        writer.write(result);
-        records.push_back(record);
-        warnAbout(record, warnings);
-        progress.update(static_cast<long long>(records.size()));
-    }
+    const std::vector<SrFrameRecord> records = reconstructAll(reader, session, writer, !quiet);
     if (records.empty()) {
         std::ostringstream why;
         why << "the input holds " << session.framesAdded() << " frame"
