@@ -7,6 +7,7 @@
 // them one by one (and forgets the next one added).
 
 #include <utility>
+#include <vector>
 
 namespace velmor {
 namespace kro {
@@ -29,6 +30,29 @@ public:
     }
     OwnedMat& operator=(OwnedMat&& other) noexcept = default;
     using M::operator=;
+};
+
+// A vector of matrices that owns their pixels: copying it copies every
+// matrix's pixels. It is a std::vector<M>, so it is passed as such to code
+// that fills or reads a list of matrices.
+template <class M>
+class OwnedMatVector : public std::vector<M> {
+public:
+    using std::vector<M>::vector;
+    OwnedMatVector() = default;
+    OwnedMatVector(const OwnedMatVector& other) : std::vector<M>(other.size())
+    {
+        for (std::size_t i = 0; i < other.size(); ++i)
+            (*this)[i] = other[i].clone();
+    }
+    OwnedMatVector(OwnedMatVector&& other) noexcept = default;
+    OwnedMatVector& operator=(const OwnedMatVector& other)
+    {
+        if (this != &other)
+            *this = OwnedMatVector(other);
+        return *this;
+    }
+    OwnedMatVector& operator=(OwnedMatVector&& other) noexcept = default;
 };
 
 } // namespace kro
