@@ -25,7 +25,7 @@ void BM_CompareMat(benchmark::State& state)
     cv::randu(a, 0.0f, 1000.0f);
     a.copyTo(b);
     for (auto _ : state)
-        benchmark::DoNotOptimize(velmor::kro::compareMat(a, b, 0.0));
+        benchmark::DoNotOptimize(velmor::kro::compareMat(nullptr, a, b, "a", "b", 0.0f));
     state.SetItemsProcessed(state.iterations() * width * height);
 }
 BENCHMARK(BM_CompareMat)->Args({160, 120})->Args({640, 512});

@@ -29,43 +29,64 @@ bool sameValue(double a, double b, double tolerance)
     return std::fabs(a - b) <= tolerance;
 }
 
+struct Difference {
+    bool found = false;
+    int x = 0, y = 0, channel = 0;
+    double a = 0.0, b = 0.0;
+};
+
+// First pair of values further apart than `tolerance`, in row-major order
+// (channels innermost). a and b have the same size and channel count.
+Difference firstDifference(const cv::Mat& a, const cv::Mat& b, double tolerance)
+{
+    const int channels = a.channels();
+    for (int y = 0; y < a.rows; ++y)
+        for (int x = 0; x < a.cols; ++x)
+            for (int c = 0; c < channels; ++c) {
+                const double va = valueAt(a, y, x, c);
+                const double vb = valueAt(b, y, x, c);
+                if (!sameValue(va, vb, tolerance))
+                    return Difference{true, x, y, c, va, vb};
+            }
+    return Difference{};
+}
+
 } // namespace
 
-bool compareMat(const cv::Mat& expected, const cv::Mat& actual, double tolerance,
-                std::string* difference)
+bool compareMat(DebugChannel* channel, const cv::Mat& a, const cv::Mat& b,
+                const std::string& nameA, const std::string& nameB, float tolerance)
 {
-    std::ostringstream why;
-    if (expected.size() != actual.size()) {
-        why << "size differs: expected " << expected.cols << "x" << expected.rows << ", got "
-            << actual.cols << "x" << actual.rows;
-    } else if (expected.channels() != actual.channels()) {
-        why << "channel count differs: expected " << expected.channels() << ", got "
-            << actual.channels();
+    const bool sameSize = a.size() == b.size();
+    const bool sameChannels = a.channels() == b.channels();
+    Difference d;
+    if (sameSize && sameChannels)
+        d = firstDifference(a, b, tolerance);
+    const bool match = sameSize && sameChannels && !d.found;
+    if (!channel || !channel->isDebugActive(kCompareMatDebugLevel))
+        return match;
+
+    // Values with 9 digits (a float's full precision), the tolerance as given.
+    std::ostringstream line;
+    line << "compareMat: " << nameA << " and " << nameB;
+    if (match) {
+        line << " match (tolerance " << tolerance << ")";
+    } else if (!sameSize) {
+        line << " differ in size: " << nameA << " " << a.cols << "x" << a.rows << ", " << nameB
+             << " " << b.cols << "x" << b.rows;
+    } else if (!sameChannels) {
+        line << " differ in channel count: " << nameA << " " << a.channels() << ", " << nameB
+             << " " << b.channels();
     } else {
-        const int channels = expected.channels();
-        for (int y = 0; y < expected.rows; ++y)
-            for (int x = 0; x < expected.cols; ++x)
-                for (int c = 0; c < channels; ++c) {
-                    const double a = valueAt(expected, y, x, c);
-                    const double b = valueAt(actual, y, x, c);
-                    if (!sameValue(a, b, tolerance)) {
-                        if (difference) {
-                            why.precision(9);
-                            why << "first difference at (x=" << x << ", y=" << y;
-                            if (channels > 1)
-                                why << ", channel " << c;
-                            why << "): expected " << a << ", got " << b << " (tolerance "
-                                << tolerance << ")";
-                            *difference = why.str();
-                        }
-                        return false;
-                    }
-                }
-        return true;
+        line << " differ at (x=" << d.x << ", y=" << d.y;
+        if (a.channels() > 1)
+            line << ", channel " << d.channel;
+        std::ostringstream values;
+        values.precision(9);
+        values << nameA << " " << d.a << ", " << nameB << " " << d.b;
+        line << "): " << values.str() << " (tolerance " << tolerance << ")";
     }
-    if (difference)
-        *difference = why.str();
-    return false;
+    channel->send(line.str(), kCompareMatDebugLevel);
+    return match;
 }
 
 } // namespace kro

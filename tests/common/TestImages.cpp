@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <stdlib.h>
@@ -9,6 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "DebugChannel.h"
 #include "compareMat.h"
 
 namespace krotest {
@@ -45,13 +47,30 @@ cv::Mat_<float> texturedScene(int rows, int cols, std::uint64_t seed)
     return scene;
 }
 
+namespace {
+
+// Keeps the last message sent to it.
+class LastMessage : public velmor::kro::DebugDeviceBase {
+public:
+    void write(const std::string&, const std::string& message, int) override { text = message; }
+    std::string text;
+};
+
+} // namespace
+
 ::testing::AssertionResult imagesEqual(const cv::Mat& expected, const cv::Mat& actual,
                                        double tolerance)
 {
-    std::string difference;
-    if (velmor::kro::compareMat(expected, actual, tolerance, &difference))
+    // compareMat reports the first difference on a debug channel; a private
+    // channel listening at its level brings that line into the failure.
+    auto device = std::make_shared<LastMessage>();
+    velmor::kro::DebugChannel channel("imagesEqual");
+    channel.setDebugDevice(device);
+    channel.setOutputLevel(velmor::kro::kCompareMatDebugLevel);
+    if (velmor::kro::compareMat(&channel, expected, actual, "expected", "actual",
+                                static_cast<float>(tolerance)))
         return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << difference;
+    return ::testing::AssertionFailure() << device->text;
 }
 
 TempDir::TempDir()
