@@ -224,8 +224,10 @@ private:
     void computeImageMask(const cv::Mat_<short>& error, cv::Mat_<signed char>& mask, unsigned short threshold);
     int errorShiftFor(std::int64_t energy) const;
 
-    // Threads for `work` elementary operations; records the count.
+    // Threads worth using for `work` elementary operations.
     int threadsFor(std::size_t work);
+    // body(rowBegin, rowEnd) over [0, rows) through the parallel layer;
+    // records the threads that ran (detail/SrIntRegistrationRows.h).
     template <class F>
     void forRows(int rows, std::size_t opsPerRow, F&& body);
 
@@ -239,7 +241,10 @@ private:
     int blurRadius = 5;
     OwnedMat<cv::Mat_<float>> gaussKernel;
 
-    // Grey-value mapping (v + offset) * scale; lo > hi while no frame is held.
+    // Grey-value mapping (v + offset) * scale. lo > hi (an empty range) at
+    // construction and after clearFrames, so that the first frame of a
+    // window always sets the mapping from its own range: a cleared window
+    // starts afresh instead of inheriting a range widened by old scenes.
     float lo;
     float hi;
     float offset = 0.0f;
@@ -250,6 +255,9 @@ private:
     std::vector<cv::Point_<float>> corners;
     // The prepared frame the corners lie in (-1: none).
     int cornerFrame = -1;
+    // Tracker window (and pyramid border): 21 x 21 as in the float corner
+    // registration, large enough for the shifts of a hand-held or
+    // vibrating camera at the coarsest of the four levels.
     int winSize = 21;
 
     std::vector<cv::Point_<Fixpoint>> pairShifts;

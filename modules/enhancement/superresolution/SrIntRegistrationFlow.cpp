@@ -104,6 +104,8 @@ Fixpoint quotient(const Fixpoint& numerator, const Fixpoint& determinant)
     Fixpoint f;
     f.setExponentWidth(kSumExponentWidth);
     const int raised = f.fromInt64(q);
+    if (q == 0)
+        return f;
     const int e = raised + numerator.getExponent() - 16 - determinant.getExponent();
     f.setExponent(static_cast<signed char>(std::clamp(e, -128, 127)));
     return f;
@@ -489,8 +491,10 @@ cv::Point_<short> SrIntRegistration::opticalFlow(unsigned int ref, unsigned int 
     std::int64_t sums[3] = {0, 0, 0};
     std::int64_t timeSums[2] = {0, 0};
     if (!curArea.empty()) {
-        // The reference's tensor minus its rows outside the overlap and its
-        // columns beside the overlap's rows.
+        // The reference's tensor minus what lies outside the overlap: the
+        // |sy| whole rows above or below it (the horizontal band) and the
+        // |sx| columns left or right of it within its rows (the vertical
+        // band), so that the corner both share is taken away once.
         const int bandRows = height - refArea.height;
         const int bandCols = width - refArea.width;
         const cv::Rect rows(0, refArea.y0 > 0 ? 0 : refArea.height, width, bandRows);
