@@ -5,6 +5,7 @@
 #include <limits>
 #include <string>
 
+#include "detail/GaussianPsf.h"
 #include "detail/MinimizationRows.h"
 #include "detail/Parallel.h"
 #include "detail/SparseConvRows.h"
@@ -44,20 +45,6 @@ int fineSize(int lowSize, float factor)
 int psfSizeFor(float factor)
 {
     return static_cast<int>(checkedFactor(factor) * 3.0);
-}
-
-// The closed-form approximation of the error function that the PSF is
-// defined with (not the library erf): single precision, with exp and sqrt in
-// double, and erf(0) = 0 exactly.
-float erfApprox(float x)
-{
-    if (x == 0.0f)
-        return 0.0f;
-    const float a = 0.1400123f;
-    const float x2 = x * x;
-    const float exponent = -x2 * (1.2732395f + a * x2) / (1.0f + a * x2);
-    const float magnitude = static_cast<float>(std::sqrt(1.0 - std::exp(static_cast<double>(exponent))));
-    return x < 0.0f ? -magnitude : magnitude;
 }
 
 } // namespace
@@ -126,22 +113,7 @@ bool SrFloatMinimization::setThreads(int threads)
 void SrFloatMinimization::setPsfSigma(float sigma_)
 {
     psfSigma = sigma_;
-    std::fill(basePsf.begin(), basePsf.end(), 0.0f);
-    const int c = psfSize / 2;
-    const float s = std::sqrt(2.0f) * psfSigma;
-    float sum = 0.0f;
-    // Integral of the Gaussian over fine pixel [j, j+1], mirrored about the
-    // centre. The taps beyond `factor` from the centre stay 0 and leave room
-    // for the sub-pixel shift of generatePsfs. (The bounds on c are always met
-    // for the factors the constructor accepts; they only guard the indices.)
-    for (int j = 0; static_cast<float>(j) < factor && c + j < psfSize && c - 1 - j >= 0; ++j) {
-        const float t = (erfApprox((j + 1) / s) - erfApprox(j / s)) * 0.5f;
-        basePsf[c + j] = t;
-        basePsf[c - 1 - j] = t;
-        sum += 2.0f * t;
-    }
-    for (float& tap : basePsf)
-        tap /= sum;
+    detail::buildBasePsf(psfSigma, factor, psfSize, basePsf.data());
 }
 
 void SrFloatMinimization::setWeightTV(float weight)
@@ -162,22 +134,10 @@ void SrFloatMinimization::setMaxIter(int iterations) { maxIter = iterations; }
 
 void SrFloatMinimization::generatePsfs(int nFrames_, PointF* const shifts)
 {
-    // Linear interpolation of the base PSF by the sub-pixel shift in fine
-    // pixels (valid for |shift * factor| <= 1).
-    auto shifted = [this](float s, std::vector<float>& psf) {
-        if (s < 0.0f) {
-            psf[0] = 0.0f;
-            for (int k = 1; k < psfSize; ++k)
-                psf[k] = basePsf[k - 1] * (-s) + basePsf[k] * (1.0f + s);
-        } else {
-            for (int k = 0; k < psfSize - 1; ++k)
-                psf[k] = basePsf[k + 1] * s + basePsf[k] * (1.0f - s);
-            psf[psfSize - 1] = 0.0f;
-        }
-    };
+    // Shifts in fine pixels (valid for |shift * factor| <= 1).
     for (int i = 0; i < nFrames_; ++i) {
-        shifted(shifts[i].x * factor, psfX[i]);
-        shifted(shifts[i].y * factor, psfY[i]);
+        detail::shiftPsf(basePsf.data(), psfSize, shifts[i].x * factor, psfX[i].data());
+        detail::shiftPsf(basePsf.data(), psfSize, shifts[i].y * factor, psfY[i].data());
     }
 }
 
