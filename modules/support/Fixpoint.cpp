@@ -109,22 +109,36 @@ void Fixpoint::assign(std::int64_t m, int e, bool fullPrecision)
         ++s;
         r = roundedShift(mag, s);
     }
+    const int exactExponent = e;
     e += s;
     if (fullPrecision)
         while (r < static_cast<std::uint64_t>(kNormalLow)) {
             r <<= 1;
             --e;
         }
-    // Below the exponent range: round at the smallest exponent (the low bits
-    // of the exact value are gone already when s > 0, which only happens for
-    // values far above this range, so r is exact here).
+    // Below the exponent range: round once, from the exact value, at the
+    // smallest exponent (possibly to 0); flagged when bits were lost.
     const int lo = minExponent();
     const int hi = maxExponent();
     if (e < lo) {
-        const int d = lo - e;
-        r = d >= 64 ? 0 : roundedShift(r, d);
+        const int t = lo - exactExponent;  // right shift of the exact magnitude
+        bool lost = false;
+        if (t <= 0) {
+            r = mag << -t;  // fits: it is at most the left-normalised r
+        } else if (t < 64) {
+            r = roundedShift(mag, t);
+            lost = (mag & ((std::uint64_t(1) << t) - 1)) != 0;
+        } else {
+            r = t == 64 && mag >= (std::uint64_t(1) << 63) ? 1 : 0;
+            lost = true;
+        }
         e = lo;
-        status |= kSaturated;
+        if (r > static_cast<std::uint64_t>(kMaxMantissa)) {  // 32768 from rounding: exact halving
+            r >>= 1;
+            ++e;
+        }
+        if (lost)
+            status |= kSaturated;
         if (r == 0)
             e = 0;
     }
@@ -239,7 +253,13 @@ void Fixpoint::setFloat(float value)
 
 float Fixpoint::toFloat() const
 {
-    return static_cast<float>(toDouble());
+    // Beyond float's range the conversion of the double would be undefined.
+    const double v = toDouble();
+    if (v > std::numeric_limits<float>::max())
+        return std::numeric_limits<float>::infinity();
+    if (v < -std::numeric_limits<float>::max())
+        return -std::numeric_limits<float>::infinity();
+    return static_cast<float>(v);
 }
 
 double Fixpoint::toDouble() const

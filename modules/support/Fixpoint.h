@@ -31,8 +31,9 @@ namespace kro {
 //    are rounded away (nearest, ties away from zero). The exponent they
 //    return is therefore 0 exactly when the integer fitted.
 //  - Out of range: a result too large for the exponent range saturates to
-//    mantissa +-32767 at the largest exponent; a result too small is
-//    rounded at the smallest exponent (possibly to 0). Division by zero
+//    mantissa +-32767 at the largest exponent; a result too small for full
+//    precision is rounded once, from the exact value, at the smallest
+//    exponent (possibly to 0), and flagged when that lost bits. Division by zero
 //    saturates with the sign of the dividend (0 / 0 gives 0). Each of
 //    these sets the sticky status flag kSaturated, the role of the fourth
 //    byte: it travels with the value through copies and arithmetic (a
@@ -63,7 +64,8 @@ public:
     // Becomes the float's value (NaN becomes 0 and infinities saturate,
     // both flagged). The exponent width is kept.
     virtual void setFloat(float value);
-    // The value as a float (exact when it lies in float's range).
+    // The value as a float (exact when it lies in float's range, +-infinity
+    // beyond it).
     virtual float toFloat() const;
 
     virtual void fromInt32(int value);

@@ -215,8 +215,7 @@ TEST(Fixpoint, FloatsConvertToTheNearest15BitMantissa)
 // A product below the exponent range must be rounded once, from the exact
 // value: 16391 * 22475 * 2^-79 = 11242.30 * 2^-64 gives 11242. Rounding first
 // to 15 bits (22485 * 2^-65) and then again at 2^-64 gives 11243 instead.
-// Disabled until Fixpoint::assign rounds underflowing results once.
-TEST(Fixpoint, DISABLED_UnderflowingProductIsRoundedOnceToTheNearest)
+TEST(Fixpoint, UnderflowingProductIsRoundedOnceToTheNearest)
 {
     const Fixpoint r = Fixpoint::mul(make(16391, -40, 7), make(22475, -39, 7));
     EXPECT_EQ(Rep(11242, -64), rep(r));
