@@ -33,9 +33,13 @@ const char* regError(float error)
     return error > 0.0f && error <= 1.0f ? nullptr : "Invalid maximum registration error specified.";
 }
 
+// Compared in double against the bound as a float: a caller's 1e-6 (the
+// float nearest to it, 9.99999997e-7) is the smallest accepted value, while
+// the double 1e-6 would refuse it.
 const char* relativeResidue(float residue)
 {
-    return static_cast<double>(residue) >= 1e-6 ? nullptr : "Invalid total-variation term residue specified.";
+    return static_cast<double>(residue) >= static_cast<double>(1e-6f) ? nullptr
+                                                                       : "Invalid total-variation term residue specified.";
 }
 
 const char* maxCGIters(int iterations)
