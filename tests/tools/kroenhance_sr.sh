@@ -96,11 +96,48 @@ for f in report["frames"]:
     assert f["window"][1]["shift"] == [0, 0] and f["window"][1]["masked_fraction"] == 0, f
 PY
 expect 2 "option --tv-weight belongs to the global-motion engine: add --motion global" sr --tv-weight 400 $raw "$data" -o o.raw
-expect 2 "option --engine belongs to the global-motion engine" sr --engine phase $raw "$data" -o o.raw
+expect 2 "option --engine belongs to the global-motion engine" sr --motion local --engine phase $raw "$data" -o o.raw
 expect 2 "unknown motion \"rigid\"" sr --motion rigid $raw "$data" -o o.raw
 expect 2 "option --window: window size 33 out of range 1..32" sr --window 33 $raw "$data" -o o.raw
 expect 2 "option --psf-sigma: PSF sigma -1 out of range \[0, 10\]" sr --psf-sigma -1 $raw "$data" -o o.raw
 expect 2 "option --reference-index: reference index 3 out of range 0..2" sr --window 3 $raw "$data" -o o.raw
+
+head -c $((5 * 160 * 128 * 4)) /dev/zero | tr '\0' '\377' >"$work/nan.raw"   # all bytes 0xff: NaN floats
+
+# The fixed-point engine: --engine alone means global motion; the report
+# gives its status, iterations and shifts against the newest frame.
+"$tool" sr $raw "$data" --engine fixed --quiet -o "$work/fixed.raw" --report "$work/fixed.json" 2>"$work/err" ||
+    fail "sr --engine fixed exited with $? ($(cat "$work/err"))"
+[ -s "$work/err" ] && fail "a clean fixed-engine run wrote to standard error: $(cat "$work/err")"
+python3 - "$work/fixed.json" <<'PY' || fail "the fixed-engine report does not hold what it should"
+import json, sys
+report = json.load(open(sys.argv[1]))
+s = report["settings"]
+assert (s["motion"], s["engine"], s["window"], s["reference_index"]) == ("global", "fixed", 5, 3), s
+assert report["fallbacks"] == 0 and len(report["frames"]) == 6, report["fallbacks"]
+for k, f in enumerate(report["frames"]):
+    assert f["code"] == f["engine_value"] == 0 and f["quality"] is None, f
+    assert f["reference_input_index"] == f["input_index"] == k + 4, f   # aligned with the newest frame
+    assert 1 <= f["iterations"] <= 8 and f["warnings"] == [], f
+    assert f["window"][4]["shift"] == [0, 0] and f["window"][4]["masked_fraction"] == 0, f
+    # The camera moves: every older frame has a shift of its own.
+    assert all(abs(w["shift"][0]) + abs(w["shift"][1]) > 0.1 for w in f["window"][:4]), f
+PY
+[ "$(stat -c %s "$work/fixed.raw")" -eq $((6 * 320 * 256 * 4)) ] || fail "fixed.raw is not 6 frames of 320x256 f32"
+# Samples beyond 16 bits signed are saturated, with one warning.
+/usr/bin/python3 - "$data" "$work/bright.raw" <<'PY'
+import sys, numpy
+frames = numpy.fromfile(sys.argv[1], dtype="<u2").astype("<f4") * 10.0   # up to about 56000
+frames.tofile(sys.argv[2])
+PY
+"$tool" sr --engine fixed --size 160x128 --format f32 "$work/bright.raw" -o "$work/bright-sr.raw" --quiet 2>"$work/err" ||
+    fail "sr --engine fixed on bright frames exited with $? ($(cat "$work/err"))"
+[ "$(grep -c "input samples beyond -32768..32767 were saturated" "$work/err")" -eq 1 ] ||
+    fail "expected one saturation warning: $(cat "$work/err")"
+expect 2 "option --tv-weight: invalid value given for setWeightTV \(allowed: 1-600\) \(got 700; accepted: 1 to 600" \
+    sr --engine fixed --tv-weight 700 $raw "$data" -o o.raw
+expect 2 "option --rel-residue: Invalid total-variation term residue specified" sr --engine fixed --rel-residue 1e-7 $raw "$data" -o o.raw
+expect 1 "input frame 0 holds NaN or infinite samples" sr --engine fixed --size 160x128 --format f32 "$work/nan.raw" -o o.raw
 
 # Values the engine refuses: its own message, exit 2.
 expect 2 "option --tv-weight: Invalid total-variation term weight specified. \(got 0.5; accepted: 1 or more\)" \
@@ -134,7 +171,6 @@ expect 1 "the phase engine cannot work on 161x128 frames" sr --motion global --e
     "$work/odd.raw" -o o.raw
 expect 1 "cannot create .*nodir/r.json" sr $raw "$data" -o o.raw --report nodir/r.json
 expect 1 "holds one image" sr $raw "$data" -o single.png
-head -c $((5 * 160 * 128 * 4)) /dev/zero | tr '\0' '\377' >"$work/nan.raw"   # all bytes 0xff: NaN floats
 expect 1 "input frame 0 holds NaN or infinite samples" sr --motion global --size 160x128 --format f32 "$work/nan.raw" -o o.raw
 
 expect 0 "output frame 0: [0-9]+ non-finite samples replaced by the frame median" sr --size 160x128 --format f32 "$work/nan.raw" -o o.raw

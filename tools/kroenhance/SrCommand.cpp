@@ -25,18 +25,21 @@ const char* const kSrHelp =
     "only samples that agree with the reference are used (--motion local), so\n"
     "footage from a moving camera is never made worse than the reference frame\n"
     "enlarged alone; --motion global is the C interface's engine (one shift per\n"
-    "frame, sensor blur model plus total variation). As through the C interface,\n"
-    "the first output frame comes with the window-th input frame, then one for\n"
-    "every further frame: N input frames give N - window + 1 output frames.\n"
+    "frame, sensor blur model plus total variation), and --engine fixed its\n"
+    "16-bit fixed-point twin, whose integer arithmetic follows the camera's\n"
+    "hardware. As through the C interface, the first output frame comes with\n"
+    "the window-th input frame, then one for every further frame: N input\n"
+    "frames give N - window + 1 output frames.\n"
     "Values keep the input's scale; float output is exact, 16-bit output is\n"
     "rounded and saturated.\n"
     "\n"
     "When a reconstruction fails (the engine returns a negative value or the\n"
     "library reports an error) its frame is the bicubic enlargement of the\n"
-    "window's reference frame instead; a warning names each kind of failure\n"
-    "once and the report lists every frame. The exit status is 0 unless no\n"
-    "frame at all could be reconstructed. With local motion, NaN and infinite\n"
-    "input samples are replaced and reported; the global engine refuses them.\n"
+    "window's reference frame (fixed engine: the newest frame, which its result\n"
+    "is aligned with) instead; a warning names each kind of failure once and\n"
+    "the report lists every frame. The exit status is 0 unless no frame at all\n"
+    "could be reconstructed. With local motion, NaN and infinite input samples\n"
+    "are replaced and reported; the global engines refuse them.\n"
     "\n";
 
 const char* const kSrOptionsHelp =
@@ -62,7 +65,10 @@ const char* const kSrExamplesHelp =
     "      numbered 16-bit PNGs in and out, with a report\n"
     "  kroenhance sr --motion global --engine phase --camera \"k57 FOV 25\" \\\n"
     "      --window 7 --reference-index 3 --size 320x256 --format f32 burst.raw -o sr.tif\n"
-    "      a still scene with camera jitter, through the C interface's engine\n";
+    "      a still scene with camera jitter, through the C interface's engine\n"
+    "  kroenhance sr --engine fixed --reference-index 0 --size 640x512 --format s16 \\\n"
+    "      core.raw -o sr.raw --output-format s16\n"
+    "      16-bit samples through the fixed-point engine, 16-bit frames out\n";
 
 // One warning per kind of problem; the report has them all.
 class Warnings {

@@ -37,13 +37,30 @@ void writeGlobalSettings(std::ostream& out, const SrSettings& s)
         << ", \"camera_model\": " << (s.cameraModel.empty() ? std::string("null") : jsonString(s.cameraModel));
 }
 
-void writeLocalFields(std::ostream& out, const SrFrameRecord& r)
+void writeWarnings(std::ostream& out, const SrFrameRecord& r)
 {
-    out << ",\n     \"rejected_fraction\": " << number(r.rejectedFraction, 6)
-        << ", \"reference_only_fraction\": " << number(r.referenceOnlyFraction, 6) << ", \"warnings\": [";
+    out << "\"warnings\": [";
     for (std::size_t i = 0; i < r.warnings.size(); ++i)
         out << (i ? ", " : "") << jsonString(r.warnings[i]);
     out << "]";
+}
+
+void writeLocalFields(std::ostream& out, const SrFrameRecord& r)
+{
+    out << ",\n     \"rejected_fraction\": " << number(r.rejectedFraction, 6)
+        << ", \"reference_only_fraction\": " << number(r.referenceOnlyFraction, 6) << ", ";
+    writeWarnings(out, r);
+}
+
+void writeFixedFields(std::ostream& out, const SrFrameRecord& r)
+{
+    out << ",\n     \"iterations\": ";
+    if (r.iterations >= 0)
+        out << r.iterations;
+    else
+        out << "null";
+    out << ", ";
+    writeWarnings(out, r);
 }
 
 } // namespace
@@ -124,6 +141,8 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
         out << "]";
         if (s.motion == SrMotion::Local)
             writeLocalFields(out, r);
+        else if (s.engine == SrEngine::Fixed)
+            writeFixedFields(out, r);
         out << ",\n     \"registration_ms\": " << number(r.registrationMs, 6)
             << ", \"minimization_ms\": " << number(r.minimizationMs, 6)
             << ", \"total_ms\": " << number(r.totalMs, 6) << "}";

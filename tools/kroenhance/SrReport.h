@@ -24,6 +24,13 @@
 // a quality figure (else null), "failure" null or {"kind", "message"} for a
 // frame replaced by the bicubic enlargement of its reference frame; "shift"
 // and "masked_fraction" are null when the registration did not run.
+//
+// With the fixed engine (--engine fixed) "engine_value" and "code" are
+// computeSr's status (0, -3, -6, -998 or the minimiser's code), "quality" is
+// null, the reference is the newest frame (the result is aligned with it),
+// "shift" is each frame's shift against the newest frame (rounded plus
+// sub-pixel part), and every frame adds "iterations" (the solver's) and
+// "warnings" (saturated input samples, a restarted window).
 
 #include <ostream>
 #include <string>

@@ -27,22 +27,6 @@ using velmor::kro::SrFloatRegistration2;
 // The engine's factor; the C interface's and the only one the minimiser's
 // sparse grid is laid out for.
 constexpr float kMagnification = 2.0f;
-// The tool keeps this many frames at most (a window is held twice: by the
-// engine and as the fallback's source).
-constexpr int kMaxWindow = 64;
-// Throws UsageError for a value the engine's rules refuse: the rule's own
-// message, prefixed by the option and followed by the value and what is
-// accepted.
-template <typename Value>
-void check(const char* option, const char* refused, Value value, const std::string& accepted)
-{
-    if (!refused)
-        return;
-    std::ostringstream why;
-    why << "option " << option << ": " << refused << " (got " << value << "; accepted: " << accepted << ")";
-    throw UsageError(why.str());
-}
-
 // The engine's options for these settings.
 velmor::kro::SrFloatOptions floatOptions(const SrSettings& s)
 {
@@ -63,21 +47,16 @@ velmor::kro::SrFloatOptions floatOptions(const SrSettings& s)
 void checkGlobalSettings(const SrSettings& s)
 {
     namespace rules = velmor::kro::srfloat_rules;
-    if (s.window > kMaxWindow) {
-        std::ostringstream why;
-        why << "option --window: " << s.window << " frames is more than the " << kMaxWindow
-            << " this tool holds";
-        throw UsageError(why.str());
-    }
-    check("--window", rules::windowSize(s.window), s.window, "1 or more");
-    check("--reference-index", rules::referenceIndex(s.referenceIndex, s.window), s.referenceIndex,
+    checkWindowLimit(s);
+    checkOption("--window", rules::windowSize(s.window), s.window, "1 or more");
+    checkOption("--reference-index", rules::referenceIndex(s.referenceIndex, s.window), s.referenceIndex,
           "0 to " + std::to_string(s.window - 1) + " with a window of " + std::to_string(s.window));
-    check("--tv-weight", rules::weightTV(static_cast<float>(s.tvWeight)), s.tvWeight, "1 or more");
-    check("--reg-error", rules::regError(static_cast<float>(s.regError)), s.regError, "above 0 and at most 1");
-    check("--rel-residue", rules::relativeResidue(static_cast<float>(s.relResidue)), s.relResidue,
+    checkOption("--tv-weight", rules::weightTV(static_cast<float>(s.tvWeight)), s.tvWeight, "1 or more");
+    checkOption("--reg-error", rules::regError(static_cast<float>(s.regError)), s.regError, "above 0 and at most 1");
+    checkOption("--rel-residue", rules::relativeResidue(static_cast<float>(s.relResidue)), s.relResidue,
           "1e-6 or more");
-    check("--iterations", rules::maxCGIters(s.iterations), s.iterations, "1 or more");
-    check(s.camera.empty() ? "--psf-sigma" : "--camera", rules::psfSigma(static_cast<float>(s.psfSigma)),
+    checkOption("--iterations", rules::maxCGIters(s.iterations), s.iterations, "1 or more");
+    checkOption(s.camera.empty() ? "--psf-sigma" : "--camera", rules::psfSigma(static_cast<float>(s.psfSigma)),
           s.psfSigma, "above 0");
 }
 
@@ -97,6 +76,15 @@ std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
 
 } // namespace
 
+void checkWindowLimit(const SrSettings& s)
+{
+    if (s.window > kMaxWindow) {
+        std::ostringstream why;
+        why << "option --window: " << s.window << " frames is more than the " << kMaxWindow << " this tool holds";
+        throw UsageError(why.str());
+    }
+}
+
 const char* srMotionName(SrMotion motion)
 {
     return motion == SrMotion::Global ? "global" : "local";
@@ -104,7 +92,12 @@ const char* srMotionName(SrMotion motion)
 
 const char* srEngineName(SrEngine engine)
 {
-    return engine == SrEngine::Phase ? "phase" : "corners";
+    switch (engine) {
+    case SrEngine::Phase: return "phase";
+    case SrEngine::Fixed: return "fixed";
+    case SrEngine::Corners: break;
+    }
+    return "corners";
 }
 
 const char* srFailureKind(SrFailure failure)
@@ -136,11 +129,17 @@ const char* const kSrSettingsHelp =
     "                        of the window, 0 to N-1 (default 3)\n"
     "\n"
     "Global-motion engine options [global] (defaults: those of the C interface):\n"
-    "  --engine E            registration: corners (tracked corners and optical\n"
-    "                        flow, the C interface's) or phase (phase correlation\n"
-    "                        and optical flow); default corners\n"
-    "  --tv-weight X         total-variation weight, 1 or more; larger smooths\n"
-    "                        less (default 400)\n"
+    "  --engine E            corners (tracked corners and optical flow, the C\n"
+    "                        interface's), phase (phase correlation and optical\n"
+    "                        flow) or fixed (the 16-bit fixed-point engine: samples\n"
+    "                        are rounded and saturated to -32768..32767, every\n"
+    "                        frame is registered against the newest, so the output\n"
+    "                        is aligned with the newest frame of the window and\n"
+    "                        the reference index only picks the frame whose range\n"
+    "                        normalises the solve); default corners. Giving\n"
+    "                        --engine implies --motion global\n"
+    "  --tv-weight X         total-variation weight, 1 or more (fixed: 1 to 600);\n"
+    "                        larger smooths less (default 400)\n"
     "  --reg-error X         registration error bound, above 0 and at most 1\n"
     "                        (default 0.0001)\n"
     "  --rel-residue X       relative residue that stops the solver, at least\n"
@@ -164,7 +163,9 @@ const char* const kGlobalOnlyOptions[] = {"--engine", "--tv-weight", "--reg-erro
 SrSettings srSettingsFromCommandLine(Cli& cli)
 {
     SrSettings s;
-    const std::string motion = cli.stringOption("--motion", "local");
+    // An engine names a global-motion engine, so --engine alone implies
+    // --motion global.
+    const std::string motion = cli.stringOption("--motion", cli.has("--engine") ? "global" : "local");
     if (motion == "local")
         s.motion = SrMotion::Local;
     else if (motion == "global")
@@ -181,8 +182,10 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
         s.engine = SrEngine::Corners;
     else if (engine == "phase")
         s.engine = SrEngine::Phase;
+    else if (engine == "fixed")
+        s.engine = SrEngine::Fixed;
     else
-        throw UsageError("option --engine: unknown engine \"" + engine + "\" (use corners or phase)");
+        throw UsageError("option --engine: unknown engine \"" + engine + "\" (use corners, phase or fixed)");
     // The ranges here only keep the values within their C types; the engine
     // judges them (checkSrSettings).
     s.window = static_cast<int>(cli.intOption("--window", s.window, INT_MIN, INT_MAX));
@@ -216,6 +219,8 @@ void checkSrSettings(const SrSettings& settings)
 {
     if (settings.motion == SrMotion::Local)
         checkRobustSettings(settings);
+    else if (settings.engine == SrEngine::Fixed)
+        checkFixedSettings(settings);
     else
         checkGlobalSettings(settings);
 }
@@ -386,6 +391,8 @@ SrSession::SrSession(const SrSettings& settings, cv::Size frameSize)
 {
     if (settings.motion == SrMotion::Local)
         impl_ = makeRobustSession(settings, frameSize);
+    else if (settings.engine == SrEngine::Fixed)
+        impl_ = makeFixedSession(settings, frameSize);
     else if (settings.engine == SrEngine::Phase)
         impl_ = std::make_unique<EngineSession<SrFloatRegistration1>>(settings, frameSize);
     else

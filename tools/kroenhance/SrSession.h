@@ -33,7 +33,8 @@ const char* srMotionName(SrMotion motion);
 
 enum class SrEngine {
     Corners,  // SrFloatRegistration2: tracked corners and optical flow (the C interface's)
-    Phase     // SrFloatRegistration1: phase correlation and optical flow
+    Phase,    // SrFloatRegistration1: phase correlation and optical flow
+    Fixed     // SrInt: 16-bit fixed-point registration and solve
 };
 
 const char* srEngineName(SrEngine engine);
@@ -105,13 +106,17 @@ struct SrFrameRecord {
     int addResult = 0;                  // the engine's addFrame value for the newest frame
     bool hasEngineValue = false;        // false when the library threw
     float engineValue = 0.0f;           // computeSR's value: quality, or a negative code
-    int code = 0;                       // the C interface's code (-999 when the library threw)
+                                        // (fixed engine: computeSr's status)
+    bool valueIsQuality = true;         // false for the fixed engine, whose value is a status
+    int code = 0;                       // the C interface's code (-999 when the library threw);
+                                        // fixed engine: its own status
+    int iterations = -1;                // fixed engine: the solver's iterations; -1 unknown
     SrFailure failure = SrFailure::None;
     std::string message;                // what went wrong, for failures
     std::vector<SrWindowFrame> window;  // oldest first
     // Local motion only: the share of the other frames' samples rejected as
     // inconsistent with the reference, the share of the output that only the
-    // reference supports, and the engine's warnings.
+    // reference supports. Local motion and the fixed engine: the warnings.
     double rejectedFraction = 0.0;
     double referenceOnlyFraction = 0.0;
     std::vector<std::string> warnings;
@@ -121,7 +126,7 @@ struct SrFrameRecord {
 
     bool fallback() const { return failure != SrFailure::None; }
     // The engine's value when it is a quality figure (not negative).
-    bool hasQuality() const { return hasEngineValue && engineValue >= 0.0f; }
+    bool hasQuality() const { return valueIsQuality && hasEngineValue && engineValue >= 0.0f; }
 };
 
 class SrSession {

@@ -4,6 +4,8 @@
 // SrSession.cpp, the local-motion engine in SrRobustSession.cpp).
 
 #include <memory>
+#include <sstream>
+#include <string>
 
 #include <opencv2/core.hpp>
 
@@ -22,6 +24,31 @@ struct SrSession::Impl {
     long long added = 0;
     long long produced = 0;
 };
+
+// The tool keeps this many frames at most (a window is held twice: by the
+// engine and as the fallback's source).
+constexpr int kMaxWindow = 64;
+
+// Throws UsageError when the window is larger than the tool holds.
+void checkWindowLimit(const SrSettings& settings);
+
+// Throws UsageError for a value an engine's rules refuse: the rule's own
+// message, prefixed by the option and followed by the value and what is
+// accepted.
+template <typename Value>
+void checkOption(const char* option, const char* refused, Value value, const std::string& accepted)
+{
+    if (!refused)
+        return;
+    std::ostringstream why;
+    why << "option " << option << ": " << refused << " (got " << value << "; accepted: " << accepted << ")";
+    throw UsageError(why.str());
+}
+
+// The fixed-point session and its settings check (SrIntOptions' rules, one
+// option at a time so that the message names the option).
+std::unique_ptr<SrSession::Impl> makeFixedSession(const SrSettings& settings, cv::Size frameSize);
+void checkFixedSettings(const SrSettings& settings);
 
 // The local-motion session. Throws UsageError for settings the engine
 // refuses, RunError for frames it cannot work on.
