@@ -58,7 +58,7 @@ SrIntMinimization::SrIntMinimization(int width_, int height_, int nFrames_, int 
     : DebugChannel("SrInt"), width(checkedSize(width_)), height(checkedSize(height_)), nFrames(nFrames_),
       factor(checkedFactor(factor_)), psfSize(3 * factor_), fullWidth(2 * width_ + psfSize - 1),
       fullHeight(2 * height_ + psfSize - 1), fullSize(fullWidth * fullHeight), maxIter(8), psfSigma(0.0f),
-      weightTV(400), cumIters(0)
+      weightTV(400), relResValue(0.0f), epsilonValue(0.0f), cumIters(0)
 {
     if (nFrames < 1 || nFrames > kMaxFrames)
         KRO_THROW("invalid number of frames " << nFrames << " (allowed: 1-" << kMaxFrames << ")");
@@ -92,7 +92,7 @@ SrIntMinimization::SrIntMinimization(int width_, int height_, int nFrames_, int 
     shifts.assign(nFrames, PointF());
     psfX.assign(nFrames, {});
     psfY.assign(nFrames, {});
-    relRes.setFloat(0.007f);
+    setRelRes(0.007f);
     setEpsilon(0.1f);
     setPsfSigma(0.683f);
 }
@@ -140,6 +140,7 @@ void SrIntMinimization::setRelRes(float residue)
 {
     if (!(residue >= 0.0f) || !std::isfinite(residue))
         KRO_THROW("invalid relative residue " << residue);
+    relResValue = residue;
     relRes.setFloat(residue);
 }
 
@@ -155,6 +156,7 @@ void SrIntMinimization::setEpsilon(float eps)
 {
     if (!(eps >= 0.001f && eps <= 1.0f))
         KRO_THROW("invalid value given for setEpsilon (allowed: 0.001-1)");
+    epsilonValue = eps;
     epsilon.setFloat(eps);
     invEpsilon.setFloat(1.0f / eps);
 }
@@ -422,9 +424,7 @@ int SrIntMinimization::minimize(int nFrames_, int refIndex, const std::vector<cv
     });
     if (traceFailure)
         std::rethrow_exception(traceFailure);
-    if (status < 0)
-        return status;
-    cumIters = static_cast<short>(status);
+    cumIters = static_cast<short>(std::max(status, 0));
     trace("end minimize");
     return status;
 }

@@ -123,7 +123,8 @@ public:
     int minimize(int nFrames, int refIndex, const std::vector<cv::Mat_<float>>& frames,
                  const std::vector<cv::Mat_<signed char>>& masks, cv::Mat_<float>& output);
 
-    // Small iterations of the last solve, summed over its large iterations.
+    // Small iterations of the last solve, summed over its large iterations
+    // (0 after a solve that returned a negative code).
     short getCumIters() const { return cumIters; }
 
     // Bound on the number of large iterations and on the total of small
@@ -135,7 +136,7 @@ public:
     float getPsfSigma() const { return psfSigma; }
     // CG stops when |R|^2 < relRes^2 |B|^2 (default 0.007).
     void setRelRes(float residue);
-    float getRelRes() const { return relRes.toFloat(); }
+    float getRelRes() const { return relResValue; }
     // TV weight (default 400, larger smooths less), kept as a 16-bit
     // integer: 1 .. 600, otherwise throws "invalid value given for
     // setWeightTV (allowed: 1-600)" (the value is truncated when stored).
@@ -146,7 +147,7 @@ public:
     // largest TV weight below 2^10 (the operator's 32-bit budget); otherwise
     // throws Exception.
     void setEpsilon(float eps);
-    float getEpsilon() const { return epsilon.toFloat(); }
+    float getEpsilon() const { return epsilonValue; }
 
     // Threads of a solve: 0 (the default) takes OpenMP's default, n > 0 at
     // most n; small grids run on the calling thread. A negative count is
@@ -265,8 +266,12 @@ private:
 
     short maxIter;
     float psfSigma;
-    Fixpoint relRes;
     short weightTV;
+    // The solve uses the Fixpoint forms; the getters report the values as
+    // they were set.
+    float relResValue;
+    Fixpoint relRes;
+    float epsilonValue;
     Fixpoint epsilon;
     Fixpoint invEpsilon;
     short cumIters;

@@ -17,9 +17,55 @@
 #include "SrIntMinimization.h"
 #include "TestImages.h"
 #include "detail/GaussianPsf.h"
+#include "detail/Parallel.h"
+#include "detail/SrIntSolveState.h"
 
 namespace velmor {
 namespace kro {
+
+// Runs the operator of the minimiser on given vectors.
+class SrIntMinimizationPeer {
+public:
+    explicit SrIntMinimizationPeer(SrIntMinimization& m) : m_(m) {}
+
+    // (sum_i A_i^T M_i A_i + L) x, in the units of x, with the TV weights of
+    // the estimate u for a reference frame of standard deviation `sigma`
+    // (data units); u and x are full-grid images, x within [-16384, 16383].
+    cv::Mat_<double> apply(const cv::Mat_<short>& u, const cv::Mat_<short>& x, double sigma,
+                           const std::vector<cv::Mat_<signed char>>& masks)
+    {
+        const int nFrames = static_cast<int>(masks.size());
+        const std::size_t lowSize = std::size_t(m_.width) * m_.height;
+        for (int f = 0; f < nFrames; ++f)
+            for (std::size_t p = 0; p < lowSize; ++p)
+                m_.maskWords[f * lowSize + p] = masks[f](static_cast<int>(p)) ? -1 : 0;
+        std::copy(u.begin(), u.end(), m_.plane(m_.U));
+        std::copy(x.begin(), x.end(), m_.plane(m_.S));
+        int xMax = 0;
+        for (short v : x)
+            xMax = std::max(xMax, std::abs(int(v)));
+        SrIntMinimization::Solve solve;
+        m_.prepareWeights(solve);
+        solve.sigma = sigma;
+        m_.layoutTables(solve);
+        m_.fillWeightTables(solve);
+        SrIntMinimization::Scale scale;
+        parallel::parallelRegion(1, [&](const parallel::Team& team) {
+            m_.computeL(team, solve);
+            scale = m_.applyOperator(team, solve, m_.plane(m_.S), xMax, nFrames, nullptr, m_.plane(m_.Q),
+                                     SrIntMinimization::RowFinish::Plain);
+        });
+        cv::Mat_<double> out(u.size());
+        const short* q = m_.plane(m_.Q);
+        for (std::size_t p = 0; p < out.total(); ++p)
+            out(static_cast<int>(p)) = std::ldexp(double(q[p]), scale.exponent);
+        return out;
+    }
+
+private:
+    SrIntMinimization& m_;
+};
+
 namespace {
 
 // Opens the protected helpers.
@@ -114,6 +160,82 @@ TEST(SrIntMinimization, WeightTVIsAccepted1To600AndKeptAsAnInteger)
     EXPECT_EQ(1.0f, m.getWeightTV());
     m.setWeightTV(250.9f);
     EXPECT_EQ(250.0f, m.getWeightTV());
+}
+
+// The operator is the float engine's (sum_i A_i^T M_i A_i + L) with TV
+// weights -1 / (weightTV * clamp(|difference| / sigma, epsilon, 1/epsilon)),
+// half of it on the diagonals over a distance of sqrt(2): here with the TV
+// term dominating (weight 1), so that its scale is pinned. The weight table
+// holds each weight for the middle of a bin of differences, which is off by
+// at most half a bin over epsilon * sigma (here 2 %); the data term is off by
+// the PSF taps' 16-bit rounding and a few units of the passes' roundings.
+TEST(SrIntMinimization, OperatorIsTheFloatModelWithinTheTablesAndRoundings)
+{
+    const int w = 21, h = 13, nFrames = 3;
+    SrIntMinimization m(w, h, nFrames, 2);
+    m.setWeightTV(1.0f);
+    m.setEpsilon(0.25f);
+    const std::vector<PointF> shifts = {{0.1f, -0.3f}, {-0.5f, 0.2f}, {0.45f, 0.5f}};
+    m.generatePsfs(nFrames, shifts.data());
+    const int W = m.getFullWidth(), H = m.getFullHeight();
+    // A smooth estimate with steps of all sizes against sigma = 3000.
+    cv::Mat_<short> u(H, W), x(H, W);
+    const double sigma = 3000.0;
+    cv::Mat_<float> smooth = krotest::texturedScene(H, W, 4) * 20.0f - 10000.0f;
+    smooth.convertTo(u, CV_16S);
+    cv::Mat(krotest::randomImage(H, W, CV_32S, -16384, 16384, 9)).convertTo(x, CV_16S);
+    std::vector<cv::Mat_<signed char>> masks;
+    for (int f = 0; f < nFrames; ++f)
+        masks.push_back(cv::Mat_<signed char>(cv::min(krotest::randomImage(h, w, CV_8S, 0, 3, 30 + f), 1)));
+    const cv::Mat_<double> actual = SrIntMinimizationPeer(m).apply(u, x, sigma, masks);
+
+    // The model in double.
+    cv::Mat_<double> data(H, W, 0.0), tv(H, W, 0.0), tvAbs(H, W, 0.0);
+    float base[6];
+    detail::buildBasePsf(0.683f, 2.0f, 6, base);
+    for (int f = 0; f < nFrames; ++f) {
+        float px[6], py[6];
+        detail::shiftPsf(base, 6, 2.0f * shifts[f].x, px);
+        detail::shiftPsf(base, 6, 2.0f * shifts[f].y, py);
+        for (int i = 0; i < h; ++i)
+            for (int j = 0; j < w; ++j) {
+                if (!masks[f](i, j))
+                    continue;
+                double sample = 0.0;
+                for (int k = 0; k < 6; ++k)
+                    for (int l = 0; l < 6; ++l)
+                        sample += double(py[k]) * px[l] * x(2 * i + k, 2 * j + l);
+                for (int k = 0; k < 6; ++k)
+                    for (int l = 0; l < 6; ++l)
+                        data(2 * i + k, 2 * j + l) += double(py[k]) * px[l] * sample;
+            }
+    }
+    const double eps = 0.25;
+    auto weight = [&](int y0, int x0, int y1, int x1, double distance) {
+        const double d = std::abs(double(u(y1, x1)) - u(y0, x0)) / (sigma * distance);
+        return 1.0 / (distance * distance * std::min(std::max(d, eps), 1.0 / eps));
+    };
+    const int offsets[8][2] = {{0, 1}, {0, -1}, {1, 0}, {-1, 0}, {1, 1}, {-1, -1}, {1, -1}, {-1, 1}};
+    for (int y = 0; y < H; ++y)
+        for (int c = 0; c < W; ++c)
+            for (const auto& o : offsets) {
+                const int ny = y + o[0], nx = c + o[1];
+                if (ny < 0 || ny >= H || nx < 0 || nx >= W)
+                    continue;
+                // 0.5 / clamp(d / sqrt(2)) on the diagonals.
+                const double wgt = weight(y, c, ny, nx, o[0] && o[1] ? std::sqrt(2.0) : 1.0);
+                tv(y, c) += wgt * (double(x(y, c)) - x(ny, nx));
+                tvAbs(y, c) += std::abs(wgt * (double(x(y, c)) - x(ny, nx)));
+            }
+    double largestTv = 0.0;
+    for (int y = 0; y < H; ++y)
+        for (int c = 0; c < W; ++c) {
+            const double expected = data(y, c) + tv(y, c);
+            const double tolerance = 0.02 * tvAbs(y, c) + 1e-3 * std::abs(data(y, c)) + 8.0;
+            ASSERT_NEAR(expected, actual(y, c), tolerance) << "at " << y << "," << c;
+            largestTv = std::max(largestTv, std::abs(tv(y, c)));
+        }
+    EXPECT_GT(largestTv, 10 * 16384.0);  // the TV term dominates
 }
 
 // --- Whole solves --------------------------------------------------------
@@ -334,6 +456,32 @@ TEST(SrIntMinimization, FullRange16BitFramesGiveAFiniteOutput)
             EXPECT_NEAR(cv::mean((*frames)[1])[0], cv::mean(out)[0], 2000.0) << weight;
         }
     }
+}
+
+// A frame whose mask is all zero takes no part in the solve: not in the
+// right-hand side, not in the operator. Its values do not matter, and the
+// result is that of the solve without it (up to a unit from roundings at
+// block exponents that count every frame passed).
+TEST(SrIntMinimization, AFrameWithAnAllZeroMaskHasNoInfluence)
+{
+    const Scene scene(40, 30, krotest::texturedScene(60, 80, 8), 2.0, 300.0);
+    SrIntMinimization m(40, 30, 5, 2);
+    const Result four = [&] {
+        Result r;
+        r.output.create(60, 80);
+        m.generatePsfs(4, kShifts.data());
+        std::vector<cv::Mat_<float>> frames(scene.frames.begin(), scene.frames.begin() + 4);
+        r.iterations = m.minimize(4, 1, frames, scene.masks, r.output);
+        return r;
+    }();
+    std::vector<cv::Mat_<float>> frames = scene.frames;
+    std::vector<cv::Mat_<signed char>> masks = scene.masks;
+    masks[4] = cv::Mat_<signed char>(30, 40, static_cast<signed char>(0));
+    krotest::randomImage(30, 40, CV_32F, -30000.0, 30000.0, 77).convertTo(frames[4], CV_32F);
+    cv::Mat_<float> output(60, 80);
+    m.generatePsfs(5, kShifts.data());
+    EXPECT_EQ(four.iterations, m.minimize(5, 1, frames, masks, output));
+    EXPECT_IMAGES_EQUAL(four.output, output, 1.0);
 }
 
 TEST(SrIntMinimization, ConstantReferenceOrNoUsedSampleGiveTheirCodes)

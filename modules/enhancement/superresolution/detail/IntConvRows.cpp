@@ -1,6 +1,6 @@
 #include "IntConvRows.h"
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 #include <emmintrin.h>
 #endif
 
@@ -15,7 +15,7 @@ namespace kro {
 namespace detail {
 namespace intconv {
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 namespace {
 
 // Two 16-bit weights (a in the low lane of each pair) in every 32-bit lane.
@@ -41,7 +41,7 @@ void correlatePairs(const short* x, const short* taps, int n, short* out)
 {
     const int t0 = taps[0], t1 = taps[1], t2 = taps[2], t3 = taps[3], t4 = taps[4], t5 = taps[5];
     int j = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // Output j pairs x[2j], x[2j+1] with taps 0, 1 (and so on), so a load at
     // x + 2j feeds four outputs per pmaddwd. Eight outputs read up to
     // x[2j + 19] <= x[2n + 3].
@@ -79,7 +79,7 @@ void sumRowsN(const short* const* rowsIn, const short* tapsIn, int shift, int n,
     }
     const int half = 1 << (shift - 1);
     int j = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // Rows t and t+1 interleaved lane by lane meet taps t and t+1 in one
     // pmaddwd; an odd last row is paired with zeros.
     constexpr int kPairs = (Count + 1) / 2;
@@ -134,7 +134,7 @@ void spreadPairsAdd(const short* v, const short* taps, int n, int* acc)
     const int o1 = taps[1], o3 = taps[3], o5 = taps[5];
     const int pairs = n / 2;
     int m = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // Interleaving v[m..] with v[m-1..] gives the pairs (v[m], v[m-1]) that
     // meet taps (0, 2) for column 2m and (1, 3) for column 2m+1; v[m-2]
     // pairs with a zero. The even and odd sums are interleaved back into
@@ -174,7 +174,7 @@ void narrowRow(const int* acc, int n, int shift, short* out)
 {
     const int half = shift > 0 ? 1 << (shift - 1) : 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // packs saturates to 16 bits.
     const __m128i rounding = _mm_set1_epi32(half);
     const __m128i count = _mm_cvtsi32_si128(shift);

@@ -17,6 +17,12 @@
 
 #include <cstdint>
 
+// The row kernels' SSE2 main loops (pmaddwd). The sanitizer build runs the
+// plain loops instead, whose every integer operation it checks for overflow.
+#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__)
+#define KROLIB_INT_ROWS_SSE2 1
+#endif
+
 namespace velmor {
 namespace kro {
 namespace detail {

@@ -1,9 +1,11 @@
 #include "IntTvRows.h"
 
+#include "IntConvRows.h"
+
 #include <algorithm>
 #include <cstdlib>
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 #include <emmintrin.h>
 #endif
 
@@ -27,7 +29,7 @@ inline int stencil(const WeightRows& L, const short* x, std::ptrdiff_t W, int c)
            L.Ldl[c - W + 1] * (xc - x[c - W + 1]);
 }
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 inline __m128i load(const short* p)
 {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
@@ -40,7 +42,7 @@ void tvRow(const WeightRows& L, const short* x, std::ptrdiff_t W, int n, int shi
 {
     const int half = shift > 0 ? 1 << (shift - 1) : 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // Each pixel's neighbours in opposite pairs (right/left, down/up, and
     // the two diagonals): the weights and the differences of a pair are
     // interleaved so that one pmaddwd forms both products and their sum.
@@ -71,7 +73,7 @@ void tvRow(const WeightRows& L, const short* x, std::ptrdiff_t W, int n, int shi
 void tableIndexRow(const short* a, const short* b, int n, int shift, int last, unsigned short* index)
 {
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // |a - b| as max - min in unsigned 16 bits (at most 65535), shifted
     // logically, then limited by an unsigned saturating subtraction.
     const __m128i count = _mm_cvtsi32_si128(shift);

@@ -5,7 +5,7 @@
 
 #include "IntConvRows.h"
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 #include <emmintrin.h>
 #endif
 
@@ -21,7 +21,7 @@ using intconv::saturate16;
 
 namespace {
 
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
 inline __m128i load(const short* p)
 {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
@@ -67,7 +67,7 @@ int rowMaxAbs(const short* v, int n)
 {
     int largest = 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     __m128i m = _mm_setzero_si128();
     for (; c + 8 <= n; c += 8)
         m = _mm_max_epi16(m, abs16(load(v + c)));
@@ -82,7 +82,7 @@ std::int64_t rowDot(const short* a, const short* b, int n)
 {
     std::int64_t sum = 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     // Two pmaddwd results (four products each lane, below 2^30) per 64-bit
     // widening.
     __m128i sum64 = _mm_setzero_si128();
@@ -104,7 +104,7 @@ int combineRow(const short* a, const short* b, int n, int c0, int c1, int shift,
     int largest = 0;
     std::int64_t sum = 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     const __m128i weights = _mm_set1_epi32(static_cast<int>((static_cast<unsigned>(c1) << 16) |
                                                             (static_cast<unsigned>(c0) & 0xFFFFu)));
     const __m128i rounding = _mm_set1_epi32(half);
@@ -138,7 +138,7 @@ void incrementRow(const short* v, int n, int c, int shift, short* u)
 {
     const int half = shift > 0 ? 1 << (shift - 1) : 0;
     int k = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     const __m128i weight = _mm_set1_epi32(c & 0xFFFF);
     const __m128i rounding = _mm_set1_epi32(half);
     const __m128i count = _mm_cvtsi32_si128(shift);
@@ -161,7 +161,7 @@ int halveRow(const short* u, int n, short* h)
 {
     int largest = 0;
     int c = 0;
-#if defined(__SSE2__)
+#ifdef KROLIB_INT_ROWS_SSE2
     __m128i m = _mm_setzero_si128();
     for (; c + 8 <= n; c += 8) {
         const __m128i v = _mm_srai_epi16(load(u + c), 1);
