@@ -69,6 +69,8 @@ SrIntMinimization::SrIntMinimization(int width_, int height_, int nFrames_, int 
     lowPlaneSize = static_cast<std::size_t>(height + kLowRowsAbove + kLowRowsBelow) * width + kPlaneSlack;
 
     const std::size_t lowSize = static_cast<std::size_t>(width) * height;
+    for (int i = 0; i < nFrames; ++i)
+        converted.emplace_back(height, width);
     frames16.assign(lowPlaneSize * nFrames, 0);
     predictions.assign(lowPlaneSize * nFrames, 0);
     maskWords.assign(lowSize * nFrames, 0);
@@ -106,6 +108,7 @@ void SrIntMinimization::allocateThreadWork(int capacity)
     ringRows.assign(static_cast<std::size_t>(psfSize) * capacity, -1);
     spreadWork.assign(spreadStride * capacity, 0);
     accWork.assign(accStride * capacity, 0);
+    conversionErrors.assign(capacity, nullptr);
 }
 
 bool SrIntMinimization::setThreads(int threads)
@@ -272,10 +275,38 @@ void SrIntMinimization::masterTraceValue(const parallel::Team& team, const char*
     }
 }
 
+bool SrIntMinimization::convertFrames(const parallel::Team& team, int nFrames_,
+                                     const std::vector<cv::Mat_<float>>& frames)
+{
+    const int t = team.index();
+    team.forRows(0, nFrames_ * height, [&](int begin, int end) {
+        try {
+            for (int row = begin; row < end;) {
+                const int f = row / height, first = row % height;
+                const int last = std::min(height, first + (end - row));
+                const cv::Mat_<short> part = convertMatFloatToMatInt(
+                    frames[f].rowRange(first, last), getMinInputValue(), getMaxInputValue(), getInputScale(), 0.0f,
+                    false);
+                part.copyTo(converted[f].rowRange(first, last));
+                row += last - first;
+            }
+        } catch (...) {
+            conversionErrors[t] = std::current_exception();
+        }
+    });
+    // Threads hold consecutive bands, so the first failing thread met the
+    // first offending value in row-major order, as one call over the frames
+    // would have.
+    for (int k = 0; k < team.size(); ++k)
+        if (conversionErrors[k])
+            return false;
+    return true;
+}
+
 int SrIntMinimization::normalizeFrames(const parallel::Team& team, Solve& solve, int nFrames_, int refIndex,
-                                       const std::vector<cv::Mat_<short>>& ints,
                                        const std::vector<cv::Mat_<signed char>>& masks)
 {
+    const std::vector<cv::Mat_<short>>& ints = converted;
     const std::int64_t count = static_cast<std::int64_t>(width) * height;
     const cv::Mat_<short>& ref = ints[refIndex];
 
@@ -386,18 +417,16 @@ int SrIntMinimization::minimize(int nFrames_, int refIndex, const std::vector<cv
 
     trace("start minimize");
     traceFailure = nullptr;
-    // The frames arrive as float; the conversion checks their range.
-    std::vector<cv::Mat_<short>> ints(nFrames_);
-    for (int i = 0; i < nFrames_; ++i)
-        ints[i] = convertMatFloatToMatInt(frames[i], getMinInputValue(), getMaxInputValue(), getInputScale(),
-                                          0.0f, false);
-
+    std::fill(conversionErrors.begin(), conversionErrors.end(), nullptr);
     Solve initial;
     prepareWeights(initial);
     int status = 0;
     lastThreads = parallel::parallelRegion(regionThreads(), [&](const parallel::Team& team) {
         Solve solve = initial;
-        const int normalised = normalizeFrames(team, solve, nFrames_, refIndex, ints, masks);
+        // The frames arrive as float; the conversion checks their range.
+        if (!convertFrames(team, nFrames_, frames))
+            return;
+        const int normalised = normalizeFrames(team, solve, nFrames_, refIndex, masks);
         if (normalised < 0) {
             team.single([&] { status = normalised; });
             return;
@@ -422,6 +451,9 @@ int SrIntMinimization::minimize(int nFrames_, int refIndex, const std::vector<cv
         writeOutput(team, solve, output);
         team.single([&] { status = total; });
     });
+    for (const std::exception_ptr& error : conversionErrors)
+        if (error)
+            std::rethrow_exception(error);
     if (traceFailure)
         std::rethrow_exception(traceFailure);
     cumIters = static_cast<short>(std::max(status, 0));

@@ -212,10 +212,13 @@ private:
     };
 
     void rebuildPsfs();
+    // The float frames to 16 bits (convertMatFloatToMatInt) into `converted`,
+    // in row bands shared by the team; false when the conversion threw (the
+    // exception is kept in conversionErrors).
+    bool convertFrames(const parallel::Team& team, int nFrames, const std::vector<cv::Mat_<float>>& frames);
     // Converted frames -> frames16 and maskWords, with mean, shift and
     // spread in `solve`; 0, or kConstantReference / kNoSampleUsed.
     int normalizeFrames(const parallel::Team& team, Solve& solve, int nFrames, int refIndex,
-                        const std::vector<cv::Mat_<short>>& ints,
                         const std::vector<cv::Mat_<signed char>>& masks);
     // The TV weight format of the current parameters (before a solve's
     // region: it may throw), the table layout for the reference's spread
@@ -281,6 +284,7 @@ private:
     std::vector<std::array<short, 6>> psfX;  // Q15
     std::vector<std::array<short, 6>> psfY;
 
+    std::vector<cv::Mat_<short>> converted;  // the frames as received, in 16 bits
     std::vector<short> frames16;     // nFrames low planes: masked normalised frames
     std::vector<short> maskWords;    // nFrames low planes of 0 / -1 (no guard rows)
     std::vector<short> predictions;  // nFrames low planes: M_i A_i x
@@ -305,6 +309,7 @@ private:
     std::vector<short> spreadWork;  // per thread: one spread row with guards
     std::size_t accStride = 0;
     std::vector<int> accWork;       // per thread: one 32-bit output row
+    std::vector<std::exception_ptr> conversionErrors;  // per thread
 
     int totalIterations = 0;
     std::exception_ptr traceFailure;

@@ -93,13 +93,15 @@ void SrIntMinimization::backProject(const parallel::Team& team, Solve& solve, in
     // The first estimate is the back-projection itself, in data units.
     const short* bPlane = plane(B);
     short* uPlane = plane(U);
+    // B's exponent is at most 5 (its bound is below 64 frames of 2^15 in
+    // quarters), so 2^e is a 16-bit coefficient.
     const int e = b.exponent;
+    const int coefficient = e >= 0 ? 1 << std::min(e, 14) : 1;
+    const int shift = e >= 0 ? 0 : std::min(-e, 30);
     team.forRows(0, fullHeight, [&](int begin, int end) {
-        const std::size_t first = static_cast<std::size_t>(begin) * fullWidth;
-        const std::size_t last = static_cast<std::size_t>(end) * fullWidth;
-        for (std::size_t p = first; p < last; ++p) {
-            const int v = bPlane[p];
-            uPlane[p] = saturate16(e >= 0 ? v * (1 << std::min(e, 16)) : roundShift(v, std::min(-e, 30)));
+        for (int r = begin; r < end; ++r) {
+            const std::size_t p0 = static_cast<std::size_t>(r) * fullWidth;
+            combineRow(bPlane + p0, bPlane + p0, fullWidth, coefficient, 0, shift, uPlane + p0, nullptr);
         }
     });
 }
