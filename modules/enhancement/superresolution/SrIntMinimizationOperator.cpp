@@ -136,11 +136,18 @@ void SrIntMinimization::predictFrames(const parallel::Team& team, const short* x
                 ringRow[slot] = r;
             }
             for (int f = 0; f < nFrames_; ++f) {
+                // Taps of weight 0 (one or two of every PSF) add exactly 0
+                // and are left out.
                 const short* rows[kTaps];
+                short taps[kTaps];
+                int count = 0;
                 for (int k = 0; k < kTaps; ++k)
-                    rows[k] = slotRow(f, (2 * i + k) % psfSize);
+                    if (psfY[f][k] != 0) {
+                        rows[count] = slotRow(f, (2 * i + k) % psfSize);
+                        taps[count++] = psfY[f][k];
+                    }
                 const std::size_t offset = static_cast<std::size_t>(i) * width;
-                sumRows(rows, psfY[f].data(), kTaps, kTapBits, width, maskWords.data() + f * lowSize + offset,
+                sumRows(rows, taps, count, kTapBits, width, maskWords.data() + f * lowSize + offset,
                         predictions.data() + f * lowPlaneSize + lowOffset + offset);
             }
         }
@@ -177,11 +184,13 @@ void SrIntMinimization::finishRows(const parallel::Team& team, const short* x, i
                 const short* samples = lowBase + f * lowPlaneSize + lowOffset;
                 const short* rows[3];
                 short taps[3];
-                for (int m = 0; m < 3; ++m) {
-                    rows[m] = samples + static_cast<std::ptrdiff_t>(n - m) * width;
-                    taps[m] = psfY[f][q + 2 * m];
-                }
-                sumRows(rows, taps, 3, kTapBits - kSpreadFractionBits, width, nullptr, v);
+                int count = 0;
+                for (int m = 0; m < 3; ++m)
+                    if (psfY[f][q + 2 * m] != 0) {
+                        rows[count] = samples + static_cast<std::ptrdiff_t>(n - m) * width;
+                        taps[count++] = psfY[f][q + 2 * m];
+                    }
+                sumRows(rows, taps, count, kTapBits - kSpreadFractionBits, width, nullptr, v);
                 spreadPairsAdd(v, psfX[f].data(), W, acc);
             }
             short* o = out + p0;

@@ -1,5 +1,7 @@
 #include "IntConvRows.h"
 
+#include <algorithm>
+
 #ifdef KROLIB_INT_ROWS_SSE2
 #include <emmintrin.h>
 #endif
@@ -117,6 +119,7 @@ void sumRows(const short* const* rows, const short* taps, int count, int shift, 
              const short* maskWords, short* out)
 {
     switch (count) {
+    case 0: std::fill(out, out + n, short(0)); break;
     case 1: sumRowsN<1>(rows, taps, shift, n, maskWords, out); break;
     case 2: sumRowsN<2>(rows, taps, shift, n, maskWords, out); break;
     case 3: sumRowsN<3>(rows, taps, shift, n, maskWords, out); break;

@@ -58,7 +58,7 @@ inline short saturate16(int v)
 void correlatePairs(const short* x, const short* taps, int n, short* out);
 
 // Vertical sum: out[j] = round(sum_{t<count} taps[t] * rows[t][j] / 2^shift),
-// j < n, count <= 6, 1 <= shift <= 15; where `maskWords` is given, out[j] is
+// j < n, 0 <= count <= 6, 1 <= shift <= 15; where `maskWords` is given, out[j] is
 // then ANDed with maskWords[j] (0 drops the sample, -1 keeps it).
 void sumRows(const short* const* rows, const short* taps, int count, int shift, int n,
              const short* maskWords, short* out);
