@@ -221,14 +221,13 @@ void SrIntMinimization::generatePsfs(int nFrames_, const PointF* shifts_)
         KRO_THROW("invalid number of frames " << nFrames_ << " (object built for " << nFrames << ")");
     if (nFrames_ > 0 && !shifts_)
         KRO_THROW("null shifts passed to generatePsfs");
-    for (int i = 0; i < nFrames_; ++i) {
-        const PointF s = shifts_[i];
-        // Written so that a NaN fails the test as well.
-        if (!(std::fabs(s.x) <= 0.5f && std::fabs(s.y) <= 0.5f))
-            KRO_THROW("sub-pixel shift (" << s.x << ", " << s.y << ") of frame " << i
-                                          << " is beyond half a pixel");
-    }
-    std::copy(shifts_, shifts_ + nFrames_, shifts.begin());
+    // The interpolation of the PSF holds within half a pixel. A registration
+    // that left more (or no number) has failed for that frame, which the
+    // driver reports on its own; the frame is then modelled at the nearest
+    // valid shift rather than stopping the reconstruction.
+    auto valid = [](float s) { return std::isnan(s) ? 0.0f : std::min(std::max(s, -0.5f), 0.5f); };
+    for (int i = 0; i < nFrames_; ++i)
+        shifts[i] = PointF(valid(shifts_[i].x), valid(shifts_[i].y));
     rebuildPsfs();
 }
 
@@ -314,7 +313,8 @@ int SrIntMinimization::normalizeFrames(const parallel::Team& team, Solve& solve,
     team.forRows(0, height, [&](int begin, int end) {
         for (int y = begin; y < end; ++y) {
             const short* row = ref[y];
-            std::int64_t sum = 0;
+            // At most 8192 values of 16 bits: the row's sum fits 32 bits.
+            int sum = 0;
             int low = row[0], high = row[0];
             for (int x = 0; x < width; ++x) {
                 sum += row[x];

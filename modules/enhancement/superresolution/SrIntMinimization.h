@@ -65,6 +65,11 @@ class Team;
 //    exponent width 7.
 //  - Output: U brought back to the input's scale and rounded to 16 bits
 //    (saturated), written as float.
+// Rounding: every narrowing (each convolution pass, the operator's output
+// row, each CG combination, the output) adds one half and shifts right
+// once, so it rounds half up with one rounding per step; the only floor is
+// the halving of U for the operator (at most half a unit of U). Fixpoint
+// operations round as Fixpoint.h says.
 // Why nothing overflows for any 16-bit input: the samples of every pass are
 // at most 2^14 in magnitude and the taps of a PSF sum to 2^15, so a sum of
 // products stays below 2^30; a pass's result is again at most 2^14 (the
@@ -73,8 +78,8 @@ class Team;
 // 2^12 and a difference below 2^15 (below 2^30). The accumulator of one
 // output row holds at most nFrames (<= 64) terms below 2^15 plus the TV term
 // shifted down, and the linear combinations of the CG steps use 16-bit
-// coefficients on 16-bit elements (below 2^30). 64-bit sums of squares hold
-// at most 2^26 products below 2^28.
+// coefficients on 16-bit elements (below 2^30). 64-bit sums of products
+// hold at most 2^29 products below 2^28.
 //
 // Determinism: integer arithmetic only per element; reductions go through
 // one 64-bit (or maximum) slot per row, combined in row order, so results
@@ -105,8 +110,9 @@ public:
     // sub-pixel shifts (low-resolution pixels, |shift| <= 0.5): the float
     // engine's PSFs, quantised to Q15. Until the first call every frame has
     // the unshifted PSF; setPsfSigma rebuilds them from the last shifts.
-    // Throws Exception for nFrames outside [0, capacity] or a shift that is
-    // not finite or beyond half a pixel.
+    // A shift beyond half a pixel is taken as +-0.5 and a NaN as 0 (a failed
+    // registration, which the driver reports itself). Throws Exception for
+    // nFrames outside [0, capacity].
     void generatePsfs(int nFrames, const PointF* shifts);
 
     // Runs the whole solve with the PSFs of the last generatePsfs().

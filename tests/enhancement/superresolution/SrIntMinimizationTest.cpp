@@ -513,6 +513,25 @@ TEST(SrIntMinimization, ConstantReferenceOrNoUsedSampleGiveTheirCodes)
     EXPECT_EQ(0, cv::countNonZero(out != -7.0f));
 }
 
+// A registration that leaves more than half a pixel (or NaN) has failed for
+// that frame; it is modelled at the nearest valid shift instead.
+TEST(SrIntMinimization, ShiftsBeyondHalfAPixelAreTakenAtTheLimit)
+{
+    const Scene scene(16, 12, krotest::texturedScene(24, 32, 2), 1.0);
+    std::vector<PointF> wild = kShifts, limit = kShifts;
+    wild[1] = PointF(0.9f, NAN);
+    wild[3] = PointF(-7.0f, 0.5f);
+    limit[1] = PointF(0.5f, 0.0f);
+    limit[3] = PointF(-0.5f, 0.5f);
+    SrIntMinimization m(16, 12, 5, 2);
+    cv::Mat_<float> expected(24, 32), actual(24, 32);
+    m.generatePsfs(5, limit.data());
+    m.minimize(5, 0, scene.frames, scene.masks, expected);
+    m.generatePsfs(5, wild.data());
+    m.minimize(5, 0, scene.frames, scene.masks, actual);
+    EXPECT_IMAGES_EQUAL(expected, actual);
+}
+
 TEST(SrIntMinimization, RejectsCallsOutsideItsSizesAndRanges)
 {
     EXPECT_THROW(SrIntMinimization(16, 12, 5, 3), Exception);
@@ -521,8 +540,6 @@ TEST(SrIntMinimization, RejectsCallsOutsideItsSizesAndRanges)
 
     const Scene scene(8, 6, krotest::texturedScene(12, 16, 1), 0.0);
     SrIntMinimization m(8, 6, 5, 2);
-    const std::vector<PointF> far = {{0.0f, 0.0f}, {0.51f, 0.0f}};
-    EXPECT_THROW(m.generatePsfs(2, far.data()), Exception);
     EXPECT_THROW(m.generatePsfs(6, kShifts.data()), Exception);
     EXPECT_THROW(m.setEpsilon(0.0005f), Exception);
     EXPECT_THROW(m.setPsfSigma(0.0f), Exception);
