@@ -26,6 +26,10 @@ short roundToLow16(float t)
     if (!std::isfinite(t))
         return 0;
     const double rounded = std::trunc(t >= 0.0f ? double(t) + 0.5 : double(t) - 0.5);
+    // The usual case, a result within 32 bits, needs no fmod (which would
+    // cost more than the rest of the conversion together).
+    if (std::fabs(rounded) < 2147483648.0)
+        return static_cast<short>(static_cast<std::uint32_t>(static_cast<std::int32_t>(rounded)) & 0xFFFFu);
     const double low = std::fmod(rounded, 65536.0);  // exact, |low| < 65536
     const std::uint32_t bits = static_cast<std::uint32_t>(static_cast<std::int32_t>(low));
     return static_cast<short>(bits & 0xFFFFu);
