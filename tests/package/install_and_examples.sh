@@ -93,4 +93,12 @@ PY
 "$work/cpp/moving_camera" 160 128 "$source/data/thermal/drive_crop_160x128x10_u16.raw" "$work/moving.pfm" \
   >"$work/moving.out" 2>&1 || fail "moving-camera example failed: $(cat "$work/moving.out")"
 grep -q "6 frames of 320x256 written" "$work/moving.out" || fail "moving-camera example said: $(cat "$work/moving.out")"
+# The fixed-point engine through the package: the same bytes as the tool.
+"$work/cpp/fixed_point" 160 128 "$source/data/thermal/drive_crop_160x128x10_u16.raw" "$work/fixed.s16" \
+  >"$work/fixed.out" 2>&1 || fail "fixed-point example failed: $(cat "$work/fixed.out")"
+grep -q "6 frames of 320x256 written" "$work/fixed.out" || fail "fixed-point example said: $(cat "$work/fixed.out")"
+"$prefix/bin/kroenhance" sr --engine fixed --reference-index 0 --size 160x128 --format u16 --quiet \
+  "$source/data/thermal/drive_crop_160x128x10_u16.raw" -o "$work/tool-fixed.s16" --output-format s16 ||
+  fail "kroenhance sr --engine fixed failed"
+cmp -s "$work/fixed.s16" "$work/tool-fixed.s16" || fail "the fixed-point example and the tool differ"
 echo "ok"
