@@ -7,6 +7,7 @@
 
 #include "detail/GaussianPsf.h"
 #include "detail/MinimizationRows.h"
+#include "detail/MasterTrace.h"
 #include "detail/Parallel.h"
 #include "detail/SparseConvRows.h"
 #include "detail/Throw.h"
@@ -254,27 +255,12 @@ void SrFloatMinimization::normalizeFrames(const parallel::Team& team, int nFrame
 
 void SrFloatMinimization::masterTrace(const parallel::Team& team, const char* text)
 {
-    if (team.isMaster()) {
-        try {
-            trace(text);
-        } catch (...) {
-            if (!traceFailure)
-                traceFailure = std::current_exception();
-        }
-    }
+    detail::masterTrace(team, *this, traceFailure, text);
 }
 
 void SrFloatMinimization::masterTraceValue(const parallel::Team& team, const char* text, int value)
 {
-    if (team.isMaster()) {
-        try {
-            if (isDebugActive(kDebugLevelTrace))
-                send(text + std::to_string(value), kDebugLevelTrace);
-        } catch (...) {
-            if (!traceFailure)
-                traceFailure = std::current_exception();
-        }
-    }
+    detail::masterTraceValue(team, *this, traceFailure, text, value);
 }
 
 std::size_t SrFloatMinimization::phaseRowFloats() const

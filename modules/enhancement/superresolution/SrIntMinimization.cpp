@@ -10,6 +10,7 @@
 #include "cvext.h"
 #include "detail/GaussianPsf.h"
 #include "detail/IntConvRows.h"
+#include "detail/MasterTrace.h"
 #include "detail/Parallel.h"
 #include "detail/SrIntSolveState.h"
 #include "detail/Throw.h"
@@ -251,27 +252,12 @@ int SrIntMinimization::regionThreads() const
 
 void SrIntMinimization::masterTrace(const parallel::Team& team, const char* text)
 {
-    if (team.isMaster()) {
-        try {
-            trace(text);
-        } catch (...) {
-            if (!traceFailure)
-                traceFailure = std::current_exception();
-        }
-    }
+    detail::masterTrace(team, *this, traceFailure, text);
 }
 
 void SrIntMinimization::masterTraceValue(const parallel::Team& team, const char* text, int value)
 {
-    if (team.isMaster()) {
-        try {
-            if (isDebugActive(kDebugLevelTrace))
-                send(text + std::to_string(value), kDebugLevelTrace);
-        } catch (...) {
-            if (!traceFailure)
-                traceFailure = std::current_exception();
-        }
-    }
+    detail::masterTraceValue(team, *this, traceFailure, text, value);
 }
 
 bool SrIntMinimization::convertFrames(const parallel::Team& team, int nFrames_,
