@@ -1,5 +1,7 @@
 #include "SrIntMinimization.h"
 
+#include "SrIntOptions.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -150,9 +152,9 @@ void SrIntMinimization::setRelRes(float residue)
 
 void SrIntMinimization::setWeightTV(float weight)
 {
-    // Written so that a NaN fails the test as well.
-    if (!(weight >= 1.0f && weight <= 600.0f))
-        KRO_THROW("invalid value given for setWeightTV (allowed: 1-600)");
+    // The rule the options and the tool check up front (a NaN fails it too).
+    if (const char* refused = srint_rules::weightTVRange(weight))
+        KRO_THROW(refused);
     weightTV = static_cast<short>(weight);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KroLibExport.h"
+#include "SrFloatOptions.h"
 
 namespace velmor {
 namespace kro {
@@ -31,19 +32,20 @@ struct KROLIB_EXPORT SrIntOptions {
 };
 
 // The individual rules, which the engine's setters check one at a time;
-// each returns the refusal message or nullptr.
+// each returns the refusal message or nullptr. The two engines share their
+// rules and messages except for the residue's message and the TV weight's
+// upper bound.
 namespace srint_rules {
-KROLIB_EXPORT const char* windowSize(int windowSize);
-KROLIB_EXPORT const char* referenceIndex(int index, int windowSize);
-// The driver's own rule (>= 1); the minimiser refuses values above 600
-// with a message of its own (weightTVRange).
-KROLIB_EXPORT const char* weightTV(float weight);
+using srfloat_rules::maxCGIters;
+using srfloat_rules::psfSigma;
+using srfloat_rules::referenceIndex;
+using srfloat_rules::regError;
+using srfloat_rules::threads;
+using srfloat_rules::weightTV;  // the driver's own rule (>= 1)
+using srfloat_rules::windowSize;
+// The minimiser keeps the weight as a 16-bit integer: 1 to 600.
 KROLIB_EXPORT const char* weightTVRange(float weight);
-KROLIB_EXPORT const char* regError(float error);
 KROLIB_EXPORT const char* relativeResidue(float residue);
-KROLIB_EXPORT const char* maxCGIters(int iterations);
-KROLIB_EXPORT const char* psfSigma(float sigma);
-KROLIB_EXPORT const char* threads(int threads);
 } // namespace srint_rules
 
 } // namespace kro
