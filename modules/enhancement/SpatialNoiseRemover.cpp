@@ -6,6 +6,7 @@
 #include "detail/FilterArithmetic.h"
 #include "detail/ImageOverlap.h"
 #include "detail/Parallel.h"
+#include "detail/SpatialNoiseStep.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -13,8 +14,6 @@ namespace kro {
 
 namespace {
 
-constexpr int kMinK = 13;   // share 13/32 of the deviation kept in flat areas
-constexpr int kFullK = 32;  // all of it
 // Below this many pixels a second thread costs more than it saves.
 constexpr long long kMinPixelsForThreads = 1 << 14;
 
@@ -31,8 +30,8 @@ inline short smoothPixel(const short* up, const short* mid, const short* down, i
     const std::int32_t sad = std::abs(u0 - mean) + std::abs(u1 - mean) + std::abs(u2 - mean) +
                              std::abs(u3 - mean) + std::abs(u4 - mean) + std::abs(u5 - mean) +
                              std::abs(u6 - mean) + std::abs(u7 - mean) + std::abs(u8 - mean);
-    const std::int32_t k = detail::divideByReciprocal(std::min(sad, sadCap), reciprocal) + kMinK;
-    return static_cast<short>(mean - 32768 + (((u4 - mean) * k + 16) >> 5));
+    const std::int32_t k = detail::divideByReciprocal(std::min(sad, sadCap), reciprocal) + detail::kSmoothingMinK;
+    return static_cast<short>(detail::smoothedSample(mean, u4, k) - 32768);
 }
 
 } // namespace
@@ -70,7 +69,7 @@ int SpatialNoiseRemover::div9(int x) const { return detail::div9(x); }
 
 int SpatialNoiseRemover::approxK(int sad) const
 {
-    return mGain == 0 ? kFullK : std::min(sad / mGain + kMinK, kFullK);
+    return detail::smoothingK(sad, mGain);
 }
 
 void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& dst)
@@ -98,16 +97,15 @@ void SpatialNoiseRemover::process(const cv::Mat_<short>& src, cv::Mat_<short>& d
         const int l = std::max(c - 1, 0);
         const int r = std::min(c + 1, cols - 1);
         const short* block[3] = {up, mid, down};
-        int sum = 0;
-        for (const short* row : block)
-            sum += (row[l] + 32768) + (row[c] + 32768) + (row[r] + 32768);
-        const int mean = div9(sum);
-        int sad = 0;
-        for (const short* row : block)
-            sad += std::abs(row[l] + 32768 - mean) + std::abs(row[c] + 32768 - mean) +
-                   std::abs(row[r] + 32768 - mean);
-        const int k = approxK(sad);
-        return static_cast<short>(mean - 32768 + (((mid[c] + 32768 - mean) * k + 16) >> 5));
+        std::int32_t nine[9];
+        for (int i = 0; i < 3; ++i) {
+            nine[3 * i] = block[i][l] + 32768;
+            nine[3 * i + 1] = block[i][c] + 32768;
+            nine[3 * i + 2] = block[i][r] + 32768;
+        }
+        const int mean = detail::blockMean(nine);
+        const int k = approxK(detail::blockAbsoluteDeviation(nine, mean));
+        return static_cast<short>(detail::smoothedSample(mean, nine[4], k) - 32768);
     };
 
     const int threads = static_cast<long long>(rows) * cols >= kMinPixelsForThreads

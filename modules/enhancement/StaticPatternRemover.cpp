@@ -7,6 +7,7 @@
 #include "detail/FilterArithmetic.h"
 #include "detail/ImageOverlap.h"
 #include "detail/Parallel.h"
+#include "detail/StaticPatternStep.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -20,21 +21,7 @@ constexpr short kSaturated = 32767;  // marker of a saturated sample, passed unc
 constexpr int kReach = 4;            // the 1x9 run reaches four columns each side
 constexpr int kMinColumnsPerThread = 64;
 
-// Correction of an accumulator: value >> shift, plus one for negative values
-// (about a rounding toward zero; exact multiples of 2^shift below zero come
-// out one above the quotient, as the hardware computes it).
-inline std::int32_t correction(std::int32_t value, int shift) { return (value >> shift) + (value < 0); }
-
-// Bounds an accumulator to the limit in units of 2^shift: from
-// (-limit - 1) * 2^shift + 2^shift - 1 to limit * 2^shift.
-inline std::int32_t bound(std::int32_t value, std::int32_t limit, int shift)
-{
-    const std::int32_t unit = 1 << shift;
-    const std::int32_t coarse = value >> shift;
-    const std::int32_t upper = limit * unit;
-    const std::int32_t lower = (-limit - 1) * unit + unit - 1;
-    return coarse >= limit ? upper : (coarse <= -limit - 1 ? lower : value);
-}
+using detail::correction;
 
 // Column index `offset` away from c: clamped into [0, last] at the borders,
 // plain in the interior (where the compiler can then vectorise over c).
@@ -114,19 +101,12 @@ inline void measureColumn(const short* up, const short* mid, const short* down, 
     w.spread3[i] = s3.spread;
     w.spread9[i] = s9.spread;
 
-    std::int32_t value = w.line[i];
-    const std::int32_t lc = correction(value, 10);
+    const std::int32_t value = w.line[i];
+    const std::int32_t lc = correction(value, detail::kLineShift);
     w.lineBefore[i] = lc;
-    if (s3.spread < s.threshold07 || s9.spread < s.threshold) {
-        // R9 - R9/16 - R9/4 is about 0.7 R9: the block wins when clearly flatter.
-        const bool blockFlatter = s3.spread < s9.spread - (s9.spread >> 4) - (s9.spread >> 2);
-        value += 8 * centre - lc - (blockFlatter ? s3.sum8 : s9.sum8);
-    }
-    value = bound(value, s.lineLimit, 13);
-    // Asymmetric leak (values 1..3 stay): part of the bit-exact behaviour.
-    value += value > 3 ? -4 : (value < 0 ? 4 : 0);
-    w.line[i] = value;
-    w.lineAfter[i] = correction(value, 10);
+    w.line[i] = detail::nextLinePattern(value, lc, centre, s3.sum8, s3.spread, s9.sum8, s9.spread, s.threshold,
+                                        s.threshold07, s.lineLimit);
+    w.lineAfter[i] = correction(w.line[i], detail::kLineShift);
 }
 
 // Second pass, column c: the output sample and the update of the frame
@@ -138,8 +118,8 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
                           const Settings& s, const RowWork& w)
 {
     const std::int32_t sample = mid[c];
-    std::int32_t value = frame[c];
-    const std::int32_t fc = correction(value, 5);
+    const std::int32_t value = frame[c];
+    const std::int32_t fc = correction(value, detail::kFrameShift);
     const int i = c - w.base;
     const std::int32_t lcHere = w.lineBefore[i];
     out[c] = sample == kSaturated
@@ -148,7 +128,9 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
 
     const std::int32_t r3 = w.spread3[i];
     const std::int32_t r9 = w.spread9[i];
-    if (r3 < s.threshold || r9 < s.threshold) {
+    const bool learn = r3 < s.threshold || r9 < s.threshold;
+    std::int32_t e = 0;
+    if (learn) {
         // In the interior every left neighbour is left of c; at the left
         // border a clamped neighbour may be c itself.
         const auto leftOf = [&](int offset) {
@@ -163,13 +145,9 @@ inline void correctColumn(const short* mid, short* out, std::int32_t* frame, int
         const std::int32_t e9 =
             w.sum9[i] - div9LessAccurate(left1 + leftOf(2) + leftOf(3) + leftOf(4) + right1 +
                                          rightOf(2) + rightOf(3) + rightOf(4) - 8 * lcHere);
-        const std::int32_t e = std::abs(r9 - r3) < (s.threshold >> 2) ? (e3 + e9) >> 1
-                                                                      : (r3 > r9 ? e9 : e3);
-        value += 8 * (sample + 32768) - fc - e;
+        e = detail::frameError(e3, e9, r3, r9, s.threshold);
     }
-    value = bound(value, s.frameLimit, 8);
-    value += value > 0 ? -1 : (value < 0 ? 1 : 0);
-    frame[c] = value;
+    frame[c] = detail::nextFramePattern(value, fc, sample + 32768, learn, e, s.frameLimit);
 }
 
 inline void partOf(int n, int parts, int part, int& begin, int& end)

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "detail/FilterArithmetic.h"
 #include "detail/Parallel.h"
+#include "detail/TemporalNoiseStep.h"
 #include "detail/Throw.h"
 
 namespace velmor {
@@ -11,10 +11,7 @@ namespace kro {
 
 namespace {
 
-using detail::wrapAdd;
-using detail::wrapMul;
-
-constexpr int kTableSize = 1024;
+constexpr int kTableSize = detail::kWeightTableSize;
 
 // The weight table. Indices 0..49 are set by hand (full weight up to 14, then
 // a steep fall; 47 and 48 are both 9175 on purpose). From 50 on the weight is
@@ -40,10 +37,6 @@ constexpr std::array<std::int32_t, kTableSize> makeAlphaTable()
     return table;
 }
 
-constexpr int kAccuMask = 0x3FFFF;        // 18-bit accumulator
-constexpr int kResetDifference = 131071;  // |accu - 4u| above this resets the pixel
-constexpr int kAlphaBand = 205;           // drift of the feedback around its base
-constexpr int kAlphaMax = 2047;
 // Below this many pixels a second thread costs more than it saves.
 constexpr long long kMinPixelsForThreads = 1 << 14;
 
@@ -113,12 +106,12 @@ bool TemporalNoiseReduction::setGlobalThreshold(int globalThreshold)
 // hardware registers instead of overflowing.
 int TemporalNoiseReduction::getCGainHw() const
 {
-    return mHwUnits ? mControlGain : wrapMul(mControlGain, 16) / 10;
+    return detail::controlGainHw(mControlGain, mHwUnits);
 }
 
 int TemporalNoiseReduction::getAlphaHw() const
 {
-    return mHwUnits ? mFeedbackFactor : wrapMul(mFeedbackFactor, 2048) / 100;
+    return detail::feedbackHw(mFeedbackFactor, mHwUnits);
 }
 
 bool TemporalNoiseReduction::setThreads(int threads)
@@ -151,7 +144,7 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
                 const short* in = src[r];
                 std::int32_t* accu = mAccu[r];
                 for (int c = 0; c < cols; ++c)
-                    accu[c] = (wrapMul(in[c], 4) & kAccuMask) ^ 131072;
+                    accu[c] = detail::seedAccumulator(in[c]);
             }
         });
         mAlpha = alpha0;
@@ -160,12 +153,9 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
     dst.create(rows, cols);
 
     // (mAlpha * w) >> 11 depends on the table index only: one product per
-    // index and frame instead of one per pixel. Slot 1024 stands for every
-    // index outside the table (weight 0), negative ones included.
-    std::array<std::int32_t, kTableSize + 1> feedback;
-    for (int i = 0; i < kTableSize; ++i)
-        feedback[i] = wrapMul(mAlpha, mAlphaTab[i]) >> 11;
-    feedback[kTableSize] = 0;
+    // index and frame instead of one per pixel.
+    detail::FeedbackTable feedback;
+    detail::fillFeedbackTable(feedback, mAlpha, mAlphaTab);
     const std::int32_t* const scaled = feedback.data();
 
     mRowSums.resize(static_cast<std::size_t>(rows));
@@ -176,40 +166,17 @@ void TemporalNoiseReduction::process(const cv::Mat_<short>& src, cv::Mat_<short>
         std::int64_t rowSum = 0;
         for (int c = 0; c < cols; ++c) {
             const std::int32_t sample = in[c];
-            const std::int32_t u4 = (sample + 32768) * 4;
-            const std::int32_t diff = accu[c] - u4;
-            const std::int32_t ad = diff < 0 ? -diff : diff;
-            const std::int32_t idx = wrapMul(ad, cgain) >> 6;
-            const std::uint32_t slot = std::min(static_cast<std::uint32_t>(idx), 1024u);
-            rowSum += idx > 50 ? idx : 0;
-            const std::int32_t next = u4 + (wrapMul(scaled[slot], diff) >> 15);
-            const bool reset = ad > kResetDifference;
-            accu[c] = reset ? u4 : next;
-            out[c] = reset ? static_cast<short>(sample)
-                           : static_cast<short>(((next + 2) >> 2) - 32768);
+            const detail::TemporalStep step = detail::temporalStep(accu[c], (sample + 32768) * 4, cgain, scaled);
+            rowSum += detail::motionOf(step.index);
+            accu[c] = step.accu;
+            out[c] = step.reset ? static_cast<short>(sample)
+                                : static_cast<short>(detail::accumulatorSample(step.accu) - 32768);
         }
         return rowSum;
     }, &mLastThreads);
 
-    mMotionLevel = static_cast<std::int32_t>(((motionSum >> 2) + 3LL * mMotionLevel) >> 2);
     const std::int32_t pixels = static_cast<std::int32_t>(static_cast<long long>(rows) * cols);
-    const std::int32_t limit = wrapMul(pixels, threshold) >> 12;
-    mQuiet = (mMotionLevel >> 4) < limit;
-    mStill = mMotionLevel < limit;
-
-    // Slow relaxation toward stronger smoothing while still, fast retreat on
-    // motion; the steps are part of the bit-exact behaviour.
-    if (threshold == 100)
-        mAlpha = alpha0;
-    else if (mQuiet && mStill)
-        mAlpha = wrapAdd(mAlpha, mAlpha >= alpha0 ? 1 : 4);
-    else if (mQuiet)
-        mAlpha = wrapAdd(mAlpha, mAlpha >= alpha0 ? -20 : 4);
-    else
-        mAlpha = wrapAdd(mAlpha, -102);
-    const std::int32_t low = std::max(wrapAdd(alpha0, -kAlphaBand), 0);
-    const std::int32_t high = std::min(wrapAdd(alpha0, kAlphaBand), kAlphaMax);
-    mAlpha = std::min(std::max(mAlpha, low), high);
+    detail::adaptFeedback({mAlpha, mMotionLevel, mStill, mQuiet}, motionSum, pixels, threshold, alpha0);
 }
 
 } // namespace kro
