@@ -99,11 +99,8 @@ TEST(HstCmod, ReachingTheTrackedHighReloadsItsHold)
 
 TEST(HstCmod, BlockIsWholeRowsOfAtLeast518Ints)
 {
-    EXPECT_EQ(HstCmod(1, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), 518);
-    EXPECT_EQ(HstCmod(7, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), 518);
-    EXPECT_EQ(HstCmod(5, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), 520);
-    EXPECT_EQ(HstCmod(160, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), 640);
-    EXPECT_EQ(HstCmod(640, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), 640);
+    for (const auto& colsAndSize : {std::pair<int, int>{1, 518}, {7, 518}, {5, 520}, {160, 640}, {640, 640}})
+        EXPECT_EQ(HstCmod(colsAndSize.first, 1, 1, 1, 1, 1, 0, 0).BinDataSize(), colsAndSize.second);
     EXPECT_THROW(HstCmod(0, 4, 1, 1, 1, 1, 0, 0), velmor::kro::Exception);
     EXPECT_THROW(HstCmod(4, -1, 1, 1, 1, 1, 0, 0), velmor::kro::Exception);
 }
