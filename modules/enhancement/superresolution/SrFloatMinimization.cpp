@@ -150,12 +150,23 @@ int SrFloatMinimization::conjugateGradients(const parallel::Team& team, int nFra
         return 0;
 
     computeL(team);
-    applyOperator(team, U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
+    report(team, SolvePoint::CgStart);
+    if (stepReports) {
+        applyOperator(team, U.data(), nFrames_, masks, R.data(), RowFinish::None);
+        report(team, SolvePoint::CgGradient);
+        team.forRows(0, fullHeight, [&](int begin, int end) {
+            for (int r = begin; r < end; ++r)
+                residualFromBRow(r, R.data() + static_cast<std::size_t>(r) * fullWidth);
+        });
+    } else {
+        applyOperator(team, U.data(), nFrames_, masks, R.data(), RowFinish::ResidualFromB);
+    }
     // Every thread forms the same sum (same terms, same order) after the
     // operator's closing barrier; the member is written once for iteration().
     const float rrStart = static_cast<float>(parallel::sumInOrder(rowSums.data(), fullHeight));
     if (team.isMaster())
         rr = rrStart;
+    report(team, SolvePoint::CgResidual, rrStart);
 
     if (relRes * relRes > invNormB2 * rrStart)
         return 0;
@@ -177,8 +188,11 @@ bool SrFloatMinimization::iteration(const parallel::Team& team, int /*k*/, int n
     // step go to different buffers so that one pass never overwrites row sums
     // that a slower thread is still adding up. rr is read by all threads here
     // and rewritten by the master only after the last barrier of the step.
+    report(team, SolvePoint::IterationStart);
     applyOperator(team, S.data(), nFrames_, masks, Q.data(), RowFinish::DotWithInput);
     const float alpha = static_cast<float>(rr / parallel::sumInOrder(rowSums.data(), fullHeight));
+    if (stepReports)
+        return reportedUpdates(team, alpha);
 
     const int W = fullWidth;
     team.forRows(0, fullHeight, [&](int begin, int end) {
@@ -221,6 +235,71 @@ bool SrFloatMinimization::iteration(const parallel::Team& team, int /*k*/, int n
     return converged;
 }
 
+bool SrFloatMinimization::reportedUpdates(const parallel::Team& team, float alpha)
+{
+    // The passes of iteration() taken apart, each element getting the same
+    // operations; rr is read by every thread before the last barrier and
+    // rewritten by the master after it, as there.
+    const int W = fullWidth;
+    report(team, SolvePoint::Alpha, alpha);
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+        for (std::size_t p = static_cast<std::size_t>(begin) * W; p < static_cast<std::size_t>(end) * W; ++p)
+            U[p] = U[p] + alpha * S[p];
+    });
+    report(team, SolvePoint::UUpdated);
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+        for (int r = begin; r < end; ++r) {
+            const std::size_t p0 = static_cast<std::size_t>(r) * W;
+            float* res = R.data() + p0;
+            const float* q = Q.data() + p0;
+            for (int c = 0; c < W; ++c)
+                res[c] = res[c] - alpha * q[c];
+            residualRowSums[r] = rowDot(res, res, W);
+        }
+    });
+    const double rrNew = parallel::sumInOrder(residualRowSums.data(), fullHeight);
+    report(team, SolvePoint::RUpdated, rrNew);
+    if (relRes * relRes > invNormB2 * rrNew)
+        return true;
+    const float beta = static_cast<float>(rrNew / rr);
+    report(team, SolvePoint::Beta, beta);
+    team.forRows(0, fullHeight, [&](int begin, int end) {
+        for (std::size_t p = static_cast<std::size_t>(begin) * W; p < static_cast<std::size_t>(end) * W; ++p)
+            S[p] = S[p] * beta + R[p];
+    });
+    if (team.isMaster())
+        rr = static_cast<float>(rrNew);
+    report(team, SolvePoint::SUpdated, static_cast<float>(rrNew));
+    return false;
+}
+
+void SrFloatMinimization::report(const parallel::Team& team, SolvePoint point, double value)
+{
+    if (!stepReports)
+        return;
+    team.barrier();
+    detail::sendFromMaster(team, traceFailure, [&] { reportStep(point, value); });
+    team.barrier();
+}
+
+void SrFloatMinimization::reportStep(SolvePoint /*point*/, double /*value*/) {}
+
+const float* SrFloatMinimization::fullArray(FullArray which) const
+{
+    switch (which) {
+    case FullArray::B: return B.data();
+    case FullArray::U: return U.data();
+    case FullArray::R: return R.data();
+    case FullArray::S: return S.data();
+    case FullArray::Q: return Q.data();
+    case FullArray::Lr: return Lr.data();
+    case FullArray::Ld: return Ld.data();
+    case FullArray::Ldl: return Ldl.data();
+    case FullArray::Ldr: return Ldr.data();
+    }
+    return nullptr;
+}
+
 void SrFloatMinimization::normalizeFrames(const parallel::Team& team, int nFrames_, int refIndex,
                                           float** const frames)
 {
@@ -241,6 +320,7 @@ void SrFloatMinimization::normalizeFrames(const parallel::Team& team, int nFrame
         sigma = std::sqrt(static_cast<float>(parallel::sumInOrder(rowSums.data(), height) / count));
         mean = static_cast<float>(refMean);
     });
+    report(team, SolvePoint::Statistics);
 
     const float mu = mean;
     const float sd = sigma;
@@ -297,6 +377,10 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
     trace("start minimize");
     traceFailure = nullptr;
     generatePsfs(nFrames_, shifts);
+    stepReports = wantsStepReports();
+    solveFrames = nFrames_;
+    solveFramePointers = frames;
+    solveOutputPointer = output;
 
     const int outWidth = static_cast<int>(width * factor);
     const int outHeight = static_cast<int>(height * factor);
@@ -307,10 +391,12 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
     // among the team, so the threads are woken once per call.
     lastThreads = parallel::parallelRegion(nThreads, [&](const parallel::Team& team) {
         normalizeFrames(team, nFrames_, refIndex, frames);
+        report(team, SolvePoint::Normalized);
 
         // B = sum of the back-projected frames, U = B, and 1/||B||^2.
         finishRows(team, nullptr, nFrames_, masks, frames, B.data(), RowFinish::BackProjection);
         team.single([&] { invNormB2 = static_cast<float>(1.0 / parallel::sumInOrder(rowSums.data(), fullHeight)); });
+        report(team, SolvePoint::BackProjected);
 
         // maxIter bounds both the large iterations and the total of small ones.
         int total = 0;
@@ -326,6 +412,7 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
         }
         team.single([&] { totalIterations = total; });
         masterTraceValue(team, "cummulated iterations ", total);
+        report(team, SolvePoint::Solved);
 
         const float mu = mean;
         const float sd = sigma;
@@ -337,6 +424,7 @@ int SrFloatMinimization::minimize(int nFrames_, int refIndex, float** const fram
                     dst[x] = u[x] * sd + mu;
             }
         });
+        report(team, SolvePoint::Output);
     });
 
     if (traceFailure)

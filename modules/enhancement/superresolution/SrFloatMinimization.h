@@ -119,6 +119,55 @@ public:
     // The unshifted PSF (psfSize taps, sum 1) built by setPsfSigma.
     const std::vector<float>& getBasePsf() const { return basePsf; }
 
+protected:
+    // Points of a solve at which a derived class may look at the solver's
+    // state through reportStep (the reference engine's minimiser traces its
+    // vectors there). They are reached only when wantsStepReports() is true
+    // at the start of minimize(); the solve then stops at each point (the
+    // team waits while the master thread reports) and runs its element-wise
+    // updates as separate passes (U, then R, then S) instead of fused ones.
+    // Every element gets the same operations either way, so the result is
+    // the same to the bit.
+    enum class SolvePoint {
+        Statistics,      // mean and sigma of the reference known, frames not yet normalised
+        Normalized,      // frames normalised, PSFs generated
+        BackProjected,   // B, U = B and 1/||B||^2 ready
+        CgStart,         // a large iteration: TV weights of U computed
+        CgGradient,      // R = G U (before R = B - R)
+        CgResidual,      // R = B - G U and S = R; value: |R|^2
+        IterationStart,  // a CG step: S and the TV weights before Q = G S
+        Alpha,           // Q = G S; value: alpha; U not yet updated
+        UUpdated,        // U = U + alpha S; R not yet updated
+        RUpdated,        // R = R - alpha Q; value: the new |R|^2
+        Beta,            // not converged; value: beta; S not yet updated
+        SUpdated,        // S = S beta + R; value: |R|^2 kept for the next step
+        Solved,          // the large loop is over; U final, still normalised
+        Output           // the output image written
+    };
+    // The arrays of the full grid that reportStep may read.
+    enum class FullArray { B, U, R, S, Q, Lr, Ld, Ldl, Ldr };
+
+    // Whether the next minimize() reports its steps; asked once per solve.
+    virtual bool wantsStepReports() const { return false; }
+    // Called on the master thread at `point` while the other threads wait;
+    // `value` as listed above (0 where none is listed). An exception ends
+    // the solve after its parallel region.
+    virtual void reportStep(SolvePoint point, double value);
+
+    // Read access for reportStep (valid during a solve).
+    const float* fullArray(FullArray which) const;
+    float centreWeightAt(int x, int y) const;
+    const std::vector<float>& psfXOf(int frame) const { return psfX[frame]; }
+    const std::vector<float>& psfYOf(int frame) const { return psfY[frame]; }
+    float solveMean() const { return mean; }
+    float solveSigma() const { return sigma; }
+    float solveInvNormB2() const { return invNormB2; }
+    int solveFrameCount() const { return solveFrames; }
+    float* solveFrame(int i) const { return solveFramePointers[i]; }
+    const float* solveOutput() const { return solveOutputPointer; }
+    int getFullSize() const { return fullSize; }
+    SrFloatConvolution& getConvolution() { return convolution; }
+
 private:
     // Reaches the private steps from the unit tests.
     friend class SrFloatMinimizationPeer;
@@ -135,10 +184,10 @@ private:
     void generatePsfs(int nFrames, PointF* const shifts);
     // TV weights Lr, Ld, Ldl, Ldr from the current estimate U.
     void computeL(const parallel::Team& team);
-    // The centre weight Lc at (x, y) of the full grid: minus the sum of the
-    // eight neighbour weights. It is not stored: the operator forms it from
-    // the neighbour weights it reads anyway (same terms, same order).
-    float centreWeightAt(int x, int y) const;
+    // centreWeightAt(x, y): the centre weight Lc at (x, y) of the full grid,
+    // minus the sum of the eight neighbour weights. It is not stored: the
+    // operator forms it from the neighbour weights it reads anyway (same
+    // terms, same order).
     // out = (sum_i A_i^T M_i A_i + L) x on the full grid, with the weights of
     // the last computeL() and the PSFs of the last generatePsfs(), on a team
     // of its own.
@@ -167,6 +216,13 @@ private:
     void finishRows(const parallel::Team& team, const float* x, int nFrames, char** masks,
                     const float* const* sources, float* out, RowFinish finish);
     void normalizeFrames(const parallel::Team& team, int nFrames, int refIndex, float** const frames);
+    // The step of iteration() after alpha when the steps are reported:
+    // U, R and S updated in separate passes, with a report after each.
+    bool reportedUpdates(const parallel::Team& team, float alpha);
+    // R = B - R, S = R and |R|^2 of row r into rowSums.
+    void residualFromBRow(int r, float* o);
+    // reportStep on the master, between barriers, when the solve reports.
+    void report(const parallel::Team& team, SolvePoint point, double value = 0.0);
     // Trace from the team's master thread; a failing debug device is
     // remembered and rethrown after the parallel region.
     void masterTrace(const parallel::Team& team, const char* text);
@@ -242,6 +298,11 @@ private:
     std::vector<float> threadWork;
     std::vector<int> ringRows;
     std::exception_ptr traceFailure;
+    // The solve in progress, for reportStep.
+    bool stepReports = false;
+    int solveFrames = 0;
+    float** solveFramePointers = nullptr;
+    const float* solveOutputPointer = nullptr;
 };
 
 } // namespace kro

@@ -290,16 +290,9 @@ void SrFloatMinimization::finishRows(const parallel::Team& team, const float* x,
         case RowFinish::DotWithInput:
             rowSums[r] = rowDot(x + p0, o, W);
             break;
-        case RowFinish::ResidualFromB: {
-            const float* b = B.data() + p0;
-            float* s = S.data() + p0;
-            for (int c = 0; c < W; ++c) {
-                o[c] = b[c] - o[c];
-                s[c] = o[c];
-            }
-            rowSums[r] = rowDot(o, o, W);
+        case RowFinish::ResidualFromB:
+            residualFromBRow(r, o);
             break;
-        }
         case RowFinish::BackProjection:
             std::copy(o, o + W, U.data() + p0);
             rowSums[r] = rowDot(o, o, W);
@@ -307,6 +300,19 @@ void SrFloatMinimization::finishRows(const parallel::Team& team, const float* x,
         }
     }
     });
+}
+
+void SrFloatMinimization::residualFromBRow(int r, float* o)
+{
+    const int W = fullWidth;
+    const std::size_t p0 = static_cast<std::size_t>(r) * W;
+    const float* b = B.data() + p0;
+    float* s = S.data() + p0;
+    for (int c = 0; c < W; ++c) {
+        o[c] = b[c] - o[c];
+        s[c] = o[c];
+    }
+    rowSums[r] = rowDot(o, o, W);
 }
 
 void SrFloatMinimization::applyOperator(const parallel::Team& team, const float* x, int nFrames_, char** masks,

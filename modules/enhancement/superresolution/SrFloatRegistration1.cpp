@@ -75,10 +75,20 @@ int forEachRow(int rows, int threads, const RowFunction& rowFunction)
 } // namespace
 
 SrFloatRegistration1::SrFloatRegistration1(int width_, int height_, int windowSize_)
+    : SrFloatRegistration1(width_, height_, RingSize{checkedWindowSize(windowSize_)})
+{
+}
+
+SrFloatRegistration1::SrFloatRegistration1(int width_, int height_)
+    : SrFloatRegistration1(width_, height_, RingSize{0})
+{
+}
+
+SrFloatRegistration1::SrFloatRegistration1(int width_, int height_, RingSize ring)
     : width(checkedWidth(width_, height_)),
       height(height_),
       inputSize(width_ * height_),
-      windowSize(checkedWindowSize(windowSize_)),
+      windowSize(ring.frames),
       framesPrepared(0),
       spectrumSize((width_ / 2 + 1) * height_),
       regError(kDefaultRegError),
@@ -155,6 +165,8 @@ void SrFloatRegistration1::prepareFrame(float* frame)
 {
     if (!frame)
         KRO_THROW("null frame");
+    if (windowSize == 0)
+        KRO_THROW("this registration holds no spectra: it is handed them with every registration");
     // The spectra rotate with the driver's frames: the oldest buffer is
     // reused for the newest frame.
     if (framesPrepared == windowSize) {
@@ -165,9 +177,13 @@ void SrFloatRegistration1::prepareFrame(float* frame)
     }
     const int position = framesPrepared - 1;
     fft.forward(frame, spectrum(position));
-    const float(*values)[2] = spectrum(position);
-    float* inverse = inverseMagnitudes[static_cast<std::size_t>(position)].ptr<float>();
-    for (int b = 0; b < spectrumSize; ++b) {
+    computeInverseMagnitudes(spectrum(position), spectrumSize,
+                      inverseMagnitudes[static_cast<std::size_t>(position)].ptr<float>());
+}
+
+void SrFloatRegistration1::computeInverseMagnitudes(const float (*values)[2], int bins, float* inverse)
+{
+    for (int b = 0; b < bins; ++b) {
         // A bin of magnitude 0 carries no phase; its 0 makes it add nothing
         // to the correlation (rather than 0/0, which would spoil the whole
         // surface).
@@ -193,19 +209,15 @@ int SrFloatRegistration1::doRegistration(int count, int refPos, float** frames, 
             KRO_THROW("work frame " << i << " is the frame itself");
     }
 
-    registerFrames(count, refPos, frames, shifts, masks);
+    registerFramesWith(count, refPos, frames,
+                       [this](int frame) { return SpectrumView{spectrum(frame), inverseMagnitude(frame)}; },
+                       shifts, masks);
 
-    // The bound is half the height for both axes, the width playing no part;
-    // this is intended. Every shift is checked before any work frame is
-    // written, so after a throw the work frames are untouched (the masks and
-    // the complete shifts are those of the registration). A non-finite shift
-    // fails the check too.
-    const float bound = static_cast<float>(height / 2);
-    for (int i = 0; i < count; ++i) {
-        const PointF& s = shifts[i];
-        if (!(s.x > -bound && s.x < bound && s.y > -bound && s.y < bound))
-            KRO_THROW("Too large displacement");
-    }
+    // Every shift is checked before any work frame is written, so after a
+    // throw the work frames are untouched (the masks and the complete shifts
+    // are those of the registration).
+    if (!shiftsWithinBound(count, shifts))
+        KRO_THROW("Too large displacement");
     // Every work frame is written whole by the cut, so the frames need no
     // copy beforehand.
     for (int i = 0; i < count; ++i)
@@ -213,12 +225,27 @@ int SrFloatRegistration1::doRegistration(int count, int refPos, float** frames, 
     return 0;
 }
 
-void SrFloatRegistration1::registerFrames(int count, int refPos, float** frames, PointF* shifts,
-                                          char** masks)
+bool SrFloatRegistration1::shiftsWithinBound(int count, const PointF* shifts) const
 {
+    // The bound is half the height for both axes, the width playing no part;
+    // this is intended. A non-finite shift fails the check too.
+    const float bound = static_cast<float>(height / 2);
+    for (int i = 0; i < count; ++i) {
+        const PointF& s = shifts[i];
+        if (!(s.x > -bound && s.x < bound && s.y > -bound && s.y < bound))
+            return false;
+    }
+    return true;
+}
+
+void SrFloatRegistration1::registerFramesWith(int count, int refPos, float** frames,
+                                              const SpectrumSource& spectrumOf, PointF* shifts,
+                                              char** masks)
+{
+    const SpectrumView reference = spectrumOf(refPos);
     // Blurred reference: spectral blur, border band recomputed from the frame.
     {
-        const float(*source)[2] = spectrum(refPos);
+        const float(*source)[2] = reference.values;
         const float(*gauss)[2] = complexData(gaussSpectrum);
         float(*blurred)[2] = complexData(blurredSpectrum);
         const int bins = width / 2 + 1;
@@ -244,7 +271,7 @@ void SrFloatRegistration1::registerFrames(int count, int refPos, float** frames,
             std::memset(masks[i], 1, static_cast<std::size_t>(inputSize));
             continue;
         }
-        spectralProducts(refPos, i);
+        spectralProducts(reference, spectrumOf(i));
         fft.backward(complexData(crossSpectrum), correlation.ptr<float>());
         fft.backward(complexData(blurredSpectrum), blurredCurrent.ptr<float>());
         fft.repairGaussBlur(frames[i], blurredCurrent.ptr<float>(), gaussRadius, kernel.data());
@@ -295,15 +322,15 @@ void SrFloatRegistration1::initialize()
     tensorYY = static_cast<float>(yy);
 }
 
-void SrFloatRegistration1::spectralProducts(int refPos, int framePos)
+void SrFloatRegistration1::spectralProducts(const SpectrumView& referenceView, const SpectrumView& currentView)
 {
-    const float(*reference)[2] = spectrum(refPos);
-    const float(*current)[2] = spectrum(framePos);
+    const float(*reference)[2] = referenceView.values;
+    const float(*current)[2] = currentView.values;
     const float(*gauss)[2] = complexData(gaussSpectrum);
     float(*cross)[2] = complexData(crossSpectrum);
     float(*blurred)[2] = complexData(blurredSpectrum);
-    const float* inverseReference = inverseMagnitude(refPos);
-    const float* inverseCurrent = inverseMagnitude(framePos);
+    const float* inverseReference = referenceView.inverseMagnitude;
+    const float* inverseCurrent = currentView.inverseMagnitude;
     const int bins = width / 2 + 1;
     const int threads = parallel::threadsForWork(threadCount, static_cast<std::size_t>(spectrumSize) * kWorkPerProductBin);
     forEachRow(height, threads, [&](int y) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -140,15 +141,51 @@ public:
     int getWindowSize() const { return windowSize; }
     int getFramesPrepared() const { return framesPrepared; }
 
+protected:
+    // For a registration that is handed the spectra of the frames with each
+    // call (the reference engine's): no ring of its own, and prepareFrame
+    // refuses to run.
+    SrFloatRegistration1(int width, int height);
+
+    // One frame's spectrum (layout of SrFloatFft2d) and 1 / |value| per bin
+    // (0 for a bin of magnitude 0; see computeInverseMagnitudes).
+    struct SpectrumView {
+        const float (*values)[2];
+        const float* inverseMagnitude;
+    };
+    // The spectrum of held frame i. registerFramesWith asks for the
+    // reference's first and keeps it; then for every other frame once, in
+    // order, using each view only until the next request.
+    using SpectrumSource = std::function<SpectrumView(int frame)>;
+
+    // Registration of `count` frames against frame `refPos` with the given
+    // spectra: writes every frame's complete shift into `shifts` and
+    // completeShifts and its mask into `masks`; cuts nothing.
+    void registerFramesWith(int count, int refPos, float** frames, const SpectrumSource& spectrumOf,
+                            PointF* shifts, char** masks);
+    // True when every shift lies strictly within half the height on both
+    // axes (a non-finite shift does not).
+    bool shiftsWithinBound(int count, const PointF* shifts) const;
+    void shiftFrame(float* frame, PointF& shift, float* out);
+    // out[b] = 1 / |spectrum[b]|, 0 where the magnitude is 0.
+    static void computeInverseMagnitudes(const float (*spectrum)[2], int bins, float* out);
+    SrFloatFft2d& getFftObject() { return fft; }
+    int getSpectrumSize() const { return spectrumSize; }
+
 private:
     friend class SrFloatRegistration1Peer;
+
+    struct RingSize {
+        int frames;
+    };
+    SrFloatRegistration1(int width, int height, RingSize ring);
 
     // Gradients of the blurred reference and their tensor (per row and in
     // total).
     void initialize();
     // Fills crossSpectrum (phase correlation) and blurredSpectrum (Gaussian
-    // blur) from the spectra at ring positions refPos and framePos.
-    void spectralProducts(int refPos, int framePos);
+    // blur) from the reference's and the current frame's spectrum.
+    void spectralProducts(const SpectrumView& reference, const SpectrumView& current);
     // Phase-correlation peak and flow step of one frame (the correlation
     // surface and blurredCurrent already computed) in one parallel region;
     // writes the frame's mask and returns its complete shift.
@@ -170,8 +207,6 @@ private:
                    const cv::Rect& overlap);
     void flowMask(const parallel::Team& team, const cv::Rect& cells, char* mask);
 
-    void registerFrames(int count, int refPos, float** frames, PointF* shifts, char** masks);
-    void shiftFrame(float* frame, PointF& shift, float* out);
     // Ring position -> spectrum, and its inverse magnitudes.
     float (*spectrum(int position))[2];
     const float* inverseMagnitude(int position) const;
