@@ -21,7 +21,7 @@ bool Cli::helpRequested() const
     return false;
 }
 
-bool Cli::take(const std::string& name, std::string* value)
+bool Cli::take(const std::string& name, std::string* value, bool firstOnly)
 {
     bool found = false;
     for (std::size_t i = 1; i < args_.size(); ++i) {
@@ -46,6 +46,8 @@ bool Cli::take(const std::string& name, std::string* value)
             }
             found = true;
         }
+        if (found && firstOnly)
+            break;
     }
     return found;
 }
@@ -72,6 +74,15 @@ std::string Cli::requiredString(const std::string& name)
     if (!take(name, &value))
         throw UsageError("option " + name + " is required");
     return value;
+}
+
+std::vector<std::string> Cli::stringOptions(const std::string& name)
+{
+    std::vector<std::string> values;
+    std::string value;
+    while (take(name, &value, true))
+        values.push_back(value);
+    return values;
 }
 
 long long parseInteger(const std::string& option, const std::string& text)

@@ -39,6 +39,8 @@ public:
     bool has(const std::string& name) const;
     std::string stringOption(const std::string& name, const std::string& fallback);
     std::string requiredString(const std::string& name);
+    // Every value of an option that may be repeated, in command-line order.
+    std::vector<std::string> stringOptions(const std::string& name);
     long long intOption(const std::string& name, long long fallback, long long low, long long high);
     double doubleOption(const std::string& name, double fallback, double low, double high);
     // "640x512" -> width 640, height 512 (both positive).
@@ -49,7 +51,8 @@ public:
     std::vector<std::string> positionals(std::size_t minimum);
 
 private:
-    bool take(const std::string& name, std::string* value);
+    // Takes the first unused occurrence of `name` (and its value).
+    bool take(const std::string& name, std::string* value, bool firstOnly = false);
 
     std::vector<std::string> args_;
     std::vector<bool> used_;
