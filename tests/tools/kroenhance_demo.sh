@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # kroenhance demo on a reduced crop of the bundled still: every file is
 # written, the figures are in summary.md, and both reconstructions beat the
-# bicubic enlargement; a failed run leaves nothing behind.
+# bicubic enlargement; the enhancement pipeline ran over the bundled
+# recording; a failed run leaves nothing behind.
 set -u
 tool=$1
 work=$(mktemp -d)
@@ -12,13 +13,15 @@ out=$("$tool" demo -o "$work/demo" --crop 192x160 2>"$work/err") || fail "demo e
 [ -s "$work/err" ] && fail "demo wrote to standard error: $(cat "$work/err")"
 grep -q "Files in $work/demo/" <<<"$out" || fail "demo does not say where the files are: $out"
 grep -qE "SR corners +[0-9.]+ dB +0\.[0-9]+ +[0-9.]+" <<<"$out" || fail "demo does not print the figures: $out"
+grep -qE "enhancement pipeline on drive_crop_160x128x10_u16.raw: 10 frames, [0-9.]+ ms/frame" <<<"$out" ||
+    fail "demo does not report the pipeline: $out"
 
 for file in truth.png reference_nearest.png reference_bicubic.png sr_corners.png sr_phase.png sr_local.png \
             sr_corners.pfm sr_phase.pfm sr_local.pfm comparison.png summary.md burst.json \
-            burst_frames_96x80x5_f32.raw burst_truth_192x160_f32.raw; do
+            burst_frames_96x80x5_f32.raw burst_truth_192x160_f32.raw pipeline.png; do
     [ -s "$work/demo/$file" ] || fail "demo did not write $file"
 done
-[ "$(ls -A "$work/demo" | wc -l)" -eq 14 ] || fail "demo left other files: $(ls -A "$work/demo")"
+[ "$(ls -A "$work/demo" | wc -l)" -eq 15 ] || fail "demo left other files: $(ls -A "$work/demo")"
 [ "$(stat -c %s "$work/demo/burst_frames_96x80x5_f32.raw")" -eq $((5 * 96 * 80 * 4)) ] ||
     fail "the burst is not 5 frames of 96x80 f32"
 
@@ -52,6 +55,10 @@ for name in ("truth", "reference_nearest", "reference_bicubic", "sr_corners", "s
     assert png_header("%s/%s.png" % (folder, name)) == (192, 160, 16, 0), name
 width, height, depth, colour = png_header(folder + "/comparison.png")
 assert depth == 8 and colour == 0 and width >= 6 * 192 and height > 2 * 160, (width, height)
+# Recorded, filtered and enhanced frame of the 160x128 recording, enlarged 3x.
+width, height, depth, colour = png_header(folder + "/pipeline.png")
+assert depth == 8 and colour == 0 and width >= 3 * 480 and height > 384, (width, height)
+assert re.search(r"## Enhancement pipeline\n\n.*10 frames of 160x128, 16-bit\): [0-9.]+ ms per frame", summary), summary
 PY
 
 # Failures leave no folder behind.

@@ -21,6 +21,7 @@
 #include "Cli.h"
 #include "Command.h"
 #include "DemoImages.h"
+#include "DemoPipeline.h"
 #include "FrameIO.h"
 #include "ImageIO.h"
 #include "QualityMetrics.h"
@@ -60,6 +61,9 @@ const char* const kDemoHelp =
     "0.5-99.5 % stretch of the truth, with an enlarged detail below),\n"
     "summary.md (PSNR, SSIM and time per frame, shifts, settings), and the\n"
     "burst itself (burst.json and raw f32 frames) to try kroenhance sr on.\n"
+    "Then the camera's enhancement pipeline (noise, pattern, histogram, peaking)\n"
+    "runs over the bundled 10-frame recording: pipeline.png shows a frame before\n"
+    "and after.\n"
     "\n"
     "Options:\n"
     "  -o DIR          output folder, created if needed (default demo-out)\n"
@@ -76,10 +80,11 @@ const char* const kDemoHelp =
 
 std::string inQuotes(const std::string& text) { return "\"" + text + "\""; }
 
-// The bundled still: next to the executable's tree (a build folder inside the
-// source tree, or an install prefix with share/krolib), else in the source
-// tree this tool was built from, else under the working folder.
-std::string findBundledStill()
+// A bundled data file (the still, the recording): next to the executable's
+// tree (a build folder inside the source tree, or an install prefix with
+// share/krolib), else in the source tree this tool was built from, else
+// under the working folder.
+std::string findBundledFile(const char* name)
 {
     std::vector<fs::path> starts;
     std::error_code error;
@@ -91,7 +96,7 @@ std::string findBundledStill()
     for (const fs::path& start : starts) {
         for (fs::path dir = start; !dir.empty(); dir = dir.parent_path()) {
             for (const fs::path& candidate :
-                 {dir / kStillFolder / kStillName, dir / "share/krolib" / kStillFolder / kStillName}) {
+                 {dir / kStillFolder / name, dir / "share/krolib" / kStillFolder / name}) {
                 if (fs::is_regular_file(candidate, error))
                     return candidate.string();
             }
@@ -99,8 +104,8 @@ std::string findBundledStill()
                 break;
         }
     }
-    throw RunError(std::string("cannot find the bundled still ") + kStillFolder + "/" + kStillName +
-                   "; give an image with --scene FILE");
+    throw RunError(std::string("cannot find the bundled file ") + kStillFolder + "/" + name +
+                   (std::string(name) == kStillName ? "; give an image with --scene FILE" : ""));
 }
 
 cv::Mat_<float> loadScene(const std::string& path)
@@ -429,7 +434,7 @@ DemoRequest parseDemoRequest(Cli& cli)
         throw UsageError("option --crop: the truth must be at least " + std::to_string(kMinTruthSide) + "x" +
                          std::to_string(kMinTruthSide) + " pixels");
 
-    q.source = q.scenePath.empty() ? findBundledStill() : q.scenePath;
+    q.source = q.scenePath.empty() ? findBundledFile(kStillName) : q.scenePath;
     q.scene = loadScene(q.source);
     const cv::Mat_<float>& scene = q.scene;
     cv::Size truthSize = cropWidth > 0 ? cv::Size(cropWidth, cropHeight) : scene.size();
@@ -551,7 +556,9 @@ int runDemo(const std::vector<std::string>& args)
     run.noise = noise;
     run.methods = methods;
     writeImages(staging, run);
-    const std::string summary = summaryMarkdown(run);
+    const PipelineDemo pipeline = runPipelineDemo(findBundledFile(kDemoRecordingName));
+    writePng8(staging.file("pipeline.png"), pipeline.comparison);
+    const std::string summary = summaryMarkdown(run) + pipelineSummaryMarkdown(pipeline);
     {
         std::FILE* file = std::fopen(staging.file("summary.md").c_str(), "wb");
         const std::string& text = summary;
@@ -564,6 +571,7 @@ int runDemo(const std::vector<std::string>& args)
     staging.commit();
 
     printResults(run, outDir);
+    std::cout << pipelineConsoleText(pipeline);
     return kExitOk;
 }
 
