@@ -247,6 +247,27 @@ TEST(SprCmod, BypassCopiesAndNeverLearns)
     EXPECT_EQ(model.linePattern(), std::vector<std::int32_t>(9, 0));
 }
 
+TEST(SprCmod, CopyCarriesTheLearntStateAndOwnsIt)
+{
+    int threshold = 100, lineLimit = 31, frameLimit = 31;
+    const auto input = makeSequence(Scene::Pattern, 23, 9, 12, 0, 21);
+    SprCmod original(23, 9, threshold, lineLimit, frameLimit, 2, 0);
+    std::vector<int> out(input[0].size()), copyOut(out.size());
+    for (int f = 0; f < 6; ++f)
+        original.ProcessFrame(input[f].data(), out.data());
+    SprCmod copy = original;
+    for (int f = 6; f < 12; ++f) {
+        original.ProcessFrame(input[f].data(), out.data());
+        copy.ProcessFrame(input[f].data(), copyOut.data());
+        ASSERT_EQ(out, copyOut) << "frame " << f;
+    }
+    // Learning on the original leaves the copy's patterns alone.
+    const std::vector<std::int32_t> copied = copy.framePattern();
+    original.ProcessFrame(input[0].data(), out.data());
+    EXPECT_EQ(copy.framePattern(), copied);
+    EXPECT_NE(original.framePattern(), copied);
+}
+
 TEST(SprCmodDeathTest, IllegalDelayAbortsWithItsMessage)
 {
     int threshold = 22, lineLimit = 12, frameLimit = 16;
