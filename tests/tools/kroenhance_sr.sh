@@ -139,6 +139,86 @@ expect 2 "option --tv-weight: invalid value given for setWeightTV \(allowed: 1-6
 expect 2 "option --rel-residue: Invalid total-variation term residue specified" sr --engine fixed --rel-residue 1e-7 $raw "$data" -o o.raw
 expect 1 "input frame 0 holds NaN or infinite samples" sr --engine fixed --size 160x128 --format f32 "$work/nan.raw" -o o.raw
 
+# The reference engine with the example's synthetic two-point calibration:
+# radiance out, the report's calibration and 3x3 phase maps, what is missing
+# or of the wrong kind, and flat frames (the engine's fallback every time).
+cal="$work/cal"
+/usr/bin/python3 "$source_dir/examples/reference_calibration/make_calibration.py" --size 160x128 --out "$cal" \
+    >/dev/null || fail "make_calibration.py failed"
+/usr/bin/python3 "$source_dir/examples/reference_calibration/make_calibration.py" --size 80x64 --out "$work/small" \
+    >/dev/null || fail "make_calibration.py failed"
+calibration="--cal-raw-low $cal/raw_low.raw --cal-radiance-low $cal/radiance_low.pfm"
+calibration="$calibration --cal-raw-high $cal/raw_high.raw --cal-radiance-high $cal/radiance_high.pfm"
+"$tool" sr --engine reference $raw "$data" $calibration --quiet -o "$work/ref.raw" --report "$work/ref.json" \
+    2>"$work/err" || fail "sr --engine reference exited with $? ($(cat "$work/err"))"
+[ -s "$work/err" ] && fail "a clean reference-engine run wrote to standard error: $(cat "$work/err")"
+/usr/bin/python3 - "$work/ref.json" "$work/ref.raw" "$data" "$cal" <<'PY' || fail "the reference engine's run is not what it should be"
+import json, sys, numpy
+report = json.load(open(sys.argv[1]))
+s = report["settings"]
+assert (s["motion"], s["engine"], s["window"], s["reference_index"]) == ("global", "reference", 5, 3), s
+assert s["calibration"]["radiance_high"].endswith("radiance_high.pfm"), s
+assert report["fallbacks"] == 0 and len(report["frames"]) == 6, report["fallbacks"]
+for k, f in enumerate(report["frames"]):
+    assert f["code"] == 0 and 0 < f["quality"] <= 2 and f["warnings"] == [], f
+    assert f["reference_input_index"] == k + 1 and f["window"][1]["shift"] == [0, 0], f
+    q = numpy.array(f["quality_map"])
+    assert q.shape == (3, 3) and (q >= 0).all() and abs(q.sum() - 1) < 1e-5, q
+# The output is radiance: each frame's mean is the calibrated mean of its
+# reference frame (the pixels of equal raw values take their neighbours').
+def pfm(path):
+    with open(path, "rb") as f:
+        f.readline(); width, height = map(int, f.readline().split()); f.readline()
+        return numpy.flipud(numpy.fromfile(f, "<f4").reshape(height, width))
+cal = sys.argv[4]
+raw_low = numpy.fromfile(cal + "/raw_low.raw", "<u2").reshape(128, 160).astype(float)
+raw_high = numpy.fromfile(cal + "/raw_high.raw", "<u2").reshape(128, 160).astype(float)
+rad_low, rad_high = pfm(cal + "/radiance_low.pfm"), pfm(cal + "/radiance_high.pfm")
+live = raw_high != raw_low
+gain = numpy.where(live, (rad_high - rad_low) / numpy.where(live, raw_high - raw_low, 1), numpy.nan)
+offset = rad_low - gain * raw_low
+frames = numpy.fromfile(sys.argv[3], "<u2").reshape(10, 128, 160).astype(float)
+out = numpy.fromfile(sys.argv[2], "<f4").reshape(6, 256, 320)
+for k in range(6):
+    radiance = frames[k + 1] * gain + offset
+    assert abs(out[k].mean() - numpy.nanmean(radiance)) < 0.05, (k, out[k].mean(), numpy.nanmean(radiance))
+PY
+cal_args() {  # the four calibration options, any of them replaced by NAME=FILE arguments
+    local raw_low="$cal/raw_low.raw" rad_low="$cal/radiance_low.pfm" raw_high="$cal/raw_high.raw"
+    local rad_high="$cal/radiance_high.pfm" arg
+    for arg in "$@"; do eval "${arg%%=*}=\"${arg#*=}\""; done
+    echo "--cal-raw-low $raw_low --cal-radiance-low $rad_low --cal-raw-high $raw_high --cal-radiance-high $rad_high"
+}
+expect 2 "needs a two-point calibration .*missing --cal-radiance-low, --cal-raw-high and --cal-radiance-high" \
+    sr --engine reference $raw "$data" --cal-raw-low "$cal/raw_low.raw" -o o.raw
+expect 2 "option --cal-raw-low belongs to --engine reference" sr --engine phase $raw "$data" $calibration -o o.raw
+expect 1 "option --cal-raw-low: \"[^\"]*radiance_low.pfm\" holds 160x128 f32 samples; raw values must be 16-bit" \
+    sr --engine reference $raw "$data" $(cal_args raw_low="$cal/radiance_low.pfm") -o o.raw
+expect 1 "option --cal-radiance-high: .*holds a 80x64 f32 frame; the input's frames are single-channel 160x128" \
+    sr --engine reference $raw "$data" $(cal_args rad_high="$work/small/radiance_high.pfm") -o o.raw
+expect 1 "option --cal-radiance-low: input .*raw_low.raw\" holds 40960 bytes, not a whole number of 160x128 f32" \
+    sr --engine reference $raw "$data" $(cal_args rad_low="$cal/raw_low.raw") -o o.raw
+expect 1 "input frame 0 holds 160x128 f32 samples; the reference engine takes raw 16-bit frames" \
+    sr --engine reference --size 160x128 --format f32 "$work/nan.raw" $calibration -o o.raw
+# Flat frames under a uniform calibration: flat radiance, which the engine
+# cannot register; every frame is its simple combination, so nothing counts
+# as reconstructed.
+/usr/bin/python3 - "$work/flat" <<'PY'
+import os, sys, numpy
+os.makedirs(sys.argv[1])
+for name, value in (("raw_low", 1000), ("raw_high", 3000)):
+    numpy.full((128, 160), value, "<u2").tofile(os.path.join(sys.argv[1], name + ".raw"))
+for name, value in (("radiance_low", 10.0), ("radiance_high", 20.0)):
+    with open(os.path.join(sys.argv[1], name + ".pfm"), "wb") as f:
+        f.write(b"Pf\n160 128\n-1.0\n")
+        numpy.full((128, 160), value, "<f4").tofile(f)
+numpy.full((5, 128, 160), 1799, "<u2").tofile(os.path.join(sys.argv[1], "frames.raw"))
+PY
+expect 1 "the reference frame is constant: nothing to register \(code -4\); it is the simple combination" \
+    sr --engine reference $raw "$work/flat/frames.raw" $(cal_args raw_low="$work/flat/raw_low.raw" \
+    raw_high="$work/flat/raw_high.raw" rad_low="$work/flat/radiance_low.pfm" rad_high="$work/flat/radiance_high.pfm") \
+    -o o.raw
+
 # Values the engine refuses: its own message, exit 2.
 expect 2 "option --tv-weight: Invalid total-variation term weight specified. \(got 0.5; accepted: 1 or more\)" \
     sr --motion global --tv-weight 0.5 $raw "$data" -o o.raw

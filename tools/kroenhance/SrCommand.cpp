@@ -36,7 +36,8 @@ const char* const kSrHelp =
     "When a reconstruction fails (the engine returns a negative value or the\n"
     "library reports an error) its frame is the bicubic enlargement of the\n"
     "window's reference frame (fixed engine: the newest frame, which its result\n"
-    "is aligned with) instead; a warning names each kind of failure once and\n"
+    "is aligned with; reference engine: its simple combination of the window)\n"
+    "instead; a warning names each kind of failure once and\n"
     "the report lists every frame. The exit status is 0 unless no frame at all\n"
     "could be reconstructed. With local motion, NaN and infinite input samples\n"
     "are replaced and reported; the global engines refuse them.\n"
@@ -51,7 +52,9 @@ const char* const kSrOptionsHelp =
     "                        alignment and merge); global: the engine's value, the\n"
     "                        C interface's code and the quality; local: the share\n"
     "                        of samples rejected as inconsistent, the share of the\n"
-    "                        image only the reference supports, and warnings\n"
+    "                        image only the reference supports, and warnings;\n"
+    "                        reference engine: the 3x3 coverage of the sub-pixel\n"
+    "                        phases and warnings\n"
     "                        (written even when no frame could be reconstructed)\n"
     "  --quiet               no progress display (shown only on a terminal)\n"
     "  Raw output is f32 unless --output-format says otherwise.\n";
@@ -68,7 +71,13 @@ const char* const kSrExamplesHelp =
     "      a still scene with camera jitter, through the C interface's engine\n"
     "  kroenhance sr --engine fixed --reference-index 0 --size 640x512 --format s16 \\\n"
     "      core.raw -o sr.raw --output-format s16\n"
-    "      16-bit samples through the fixed-point engine, 16-bit frames out\n";
+    "      16-bit samples through the fixed-point engine, 16-bit frames out\n"
+    "  kroenhance sr --engine reference --size 160x128 --format u16 drive.raw \\\n"
+    "      --cal-raw-low cal/raw_low.raw --cal-radiance-low cal/radiance_low.pfm \\\n"
+    "      --cal-raw-high cal/raw_high.raw --cal-radiance-high cal/radiance_high.pfm \\\n"
+    "      -o sr.tif --report sr.json\n"
+    "      raw frames to radiance by a two-point calibration, reconstructed by the\n"
+    "      reference engine; the report adds each frame's 3x3 phase coverage\n";
 
 // One warning per kind of problem; the report has them all.
 class Warnings {
@@ -97,9 +106,11 @@ void warnAbout(const SrFrameRecord& record, Warnings& warnings)
     if (record.fallback())
         warnings.once(srFailureKind(record.failure),
                       "output frame " + std::to_string(record.outputIndex) + " (input frame " +
-                          std::to_string(record.inputIndex) + "): " + record.message +
-                          "; it is the bicubic enlargement of input frame " +
-                          std::to_string(record.referenceInputIndex) + " instead");
+                          std::to_string(record.inputIndex) + "): " + record.message + "; it is " +
+                          (record.fallbackOutput.empty()
+                               ? "the bicubic enlargement of input frame " + std::to_string(record.referenceInputIndex)
+                               : record.fallbackOutput) +
+                          " instead");
 }
 
 // Refuses input the sr command cannot use: frames with several channels, or
@@ -150,7 +161,7 @@ int runSr(const std::vector<std::string>& args)
         std::cout << kSrHelp << kSrSettingsHelp << kFrameIoHelp << kSrOptionsHelp << kSrExamplesHelp;
         return kExitOk;
     }
-    const SrSettings settings = srSettingsFromCommandLine(cli);
+    SrSettings settings = srSettingsFromCommandLine(cli);
     const bool reportGiven = cli.has("--report");
     const std::string reportPath = cli.stringOption("--report", "");
     if (reportGiven && reportPath.empty())
@@ -158,6 +169,9 @@ int runSr(const std::vector<std::string>& args)
     const bool quiet = cli.flag("--quiet");
     const OutputSpec output = outputFromCommandLine(cli);
     const InputSpec input = inputFromCommandLine(cli);
+    // Raw calibration streams of raw values are read like the recording.
+    if (input.raw && (input.format == SampleFormat::U16 || input.format == SampleFormat::S16))
+        settings.calibration.rawFormat = input.format;
     if (!reportPath.empty() && reportPath == output.path)
         throw UsageError("the report and the output must be different files");
     checkSrSettings(settings);
@@ -213,8 +227,10 @@ int runSr(const std::vector<std::string>& args)
         throw RunError("no frame could be reconstructed; no output written" +
                        std::string(reportPath.empty() ? " (--report lists every frame)" : ""));
     if (fallbacks > 0)
-        std::cerr << "kroenhance sr: warning: " << fallbacks << " of " << records.size()
-                  << " output frames are bicubic enlargements"
+        std::cerr << "kroenhance sr: warning: " << fallbacks << " of " << records.size() << " output frames are "
+                  << (settings.engine == SrEngine::Reference && settings.motion == SrMotion::Global
+                          ? "simple combinations"
+                          : "bicubic enlargements")
                   << (reportPath.empty() ? "" : " (see " + reportPath + ")") << '\n';
     return kExitOk;
 }

@@ -52,6 +52,33 @@ void writeLocalFields(std::ostream& out, const SrFrameRecord& r)
     writeWarnings(out, r);
 }
 
+// The phase coverage as three rows of three, or null when not known.
+void writeReferenceFields(std::ostream& out, const SrFrameRecord& r)
+{
+    out << ",\n     \"quality_map\": ";
+    if (r.qualityMap.size() == 9) {
+        out << "[";
+        for (int row = 0; row < 3; ++row) {
+            out << (row ? ", [" : "[");
+            for (int col = 0; col < 3; ++col)
+                out << (col ? ", " : "") << number(r.qualityMap[3 * row + col], 6);
+            out << "]";
+        }
+        out << "]";
+    } else {
+        out << "null";
+    }
+    out << ", ";
+    writeWarnings(out, r);
+}
+
+void writeCalibration(std::ostream& out, const SrCalibrationFiles& c)
+{
+    out << ", \"calibration\": {\"raw_low\": " << jsonString(c.rawLow)
+        << ", \"radiance_low\": " << jsonString(c.radianceLow) << ", \"raw_high\": " << jsonString(c.rawHigh)
+        << ", \"radiance_high\": " << jsonString(c.radianceHigh) << "}";
+}
+
 void writeFixedFields(std::ostream& out, const SrFrameRecord& r)
 {
     out << ",\n     \"iterations\": ";
@@ -101,9 +128,11 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
         << "  \"version\": " << jsonString(KROLIB_VERSION_STRING) << ",\n"
         << "  \"settings\": {\"motion\": " << jsonString(srMotionName(s.motion))
         << ", \"window\": " << s.window << ", \"reference_index\": " << s.referenceIndex;
-    if (s.motion == SrMotion::Global)
+    if (s.motion == SrMotion::Global) {
         writeGlobalSettings(out, s);
-    else
+        if (s.engine == SrEngine::Reference)
+            writeCalibration(out, s.calibration);
+    } else
         out << ", \"psf_sigma\": " << number(s.psfSigmaGiven ? static_cast<float>(s.psfSigma) : 0.0f, 7);
     out << "},\n"
         << "  \"input\": {\"width\": " << run.inputSize.width << ", \"height\": " << run.inputSize.height
@@ -143,6 +172,8 @@ void writeSrReport(std::ostream& out, const SrRunSummary& run, const std::vector
             writeLocalFields(out, r);
         else if (s.engine == SrEngine::Fixed)
             writeFixedFields(out, r);
+        else if (s.engine == SrEngine::Reference)
+            writeReferenceFields(out, r);
         out << ",\n     \"registration_ms\": " << number(r.registrationMs, 6)
             << ", \"minimization_ms\": " << number(r.minimizationMs, 6)
             << ", \"total_ms\": " << number(r.totalMs, 6) << "}";

@@ -31,6 +31,15 @@
 // "shift" is each frame's shift against the newest frame (rounded plus
 // sub-pixel part), and every frame adds "iterations" (the solver's) and
 // "warnings" (saturated input samples, a restarted window).
+//
+// With the reference engine (--engine reference) "settings" adds
+// "calibration" (the four file names), "engine_value" is computeSR's value
+// (a quality, or -3, -6 and the engine's codes -4, -7, -10), "code" the
+// engine's code (0 for a quality), a fallback frame is the engine's simple
+// combination, and every frame adds "quality_map" (the 3x3 coverage of the
+// sub-pixel phases, rows of y phase -1/2, 0, +1/2 and columns of x phase,
+// summing to 1; zeros when the engine stopped before registering) and
+// "warnings" (saturated raw samples, errors while the window filled).
 
 #include <ostream>
 #include <string>

@@ -41,9 +41,8 @@ velmor::kro::SrFloatOptions floatOptions(const SrSettings& s)
     return o;
 }
 
-// The engine's rules, one option at a time in the order the engine applies
-// them, so that the message names the option (the TV weight and the residue
-// share a message).
+} // namespace
+
 void checkGlobalSettings(const SrSettings& s)
 {
     namespace rules = velmor::kro::srfloat_rules;
@@ -59,6 +58,8 @@ void checkGlobalSettings(const SrSettings& s)
     checkOption(s.camera.empty() ? "--psf-sigma" : "--camera", rules::psfSigma(static_cast<float>(s.psfSigma)),
           s.psfSigma, "above 0");
 }
+
+namespace {
 
 template <typename Engine>
 std::unique_ptr<Engine> buildEngine(const SrSettings& s, cv::Size size)
@@ -95,6 +96,7 @@ const char* srEngineName(SrEngine engine)
     switch (engine) {
     case SrEngine::Phase: return "phase";
     case SrEngine::Fixed: return "fixed";
+    case SrEngine::Reference: return "reference";
     case SrEngine::Corners: break;
     }
     return "corners";
@@ -136,7 +138,10 @@ const char* const kSrSettingsHelp =
     "                        frame is registered against the newest, so the output\n"
     "                        is aligned with the newest frame of the window and\n"
     "                        the reference index only picks the frame whose range\n"
-    "                        normalises the solve); default corners. Giving\n"
+    "                        normalises the solve) or reference (the reference\n"
+    "                        engine: raw 16-bit frames converted to radiance by a\n"
+    "                        two-point calibration, phase registration; needs\n"
+    "                        the four --cal options); default corners. Giving\n"
     "                        --engine implies --motion global\n"
     "  --tv-weight X         total-variation weight, 1 or more (fixed: 1 to 600);\n"
     "                        larger smooths less (default 400)\n"
@@ -150,13 +155,27 @@ const char* const kSrSettingsHelp =
     "                        the optics' blur in front of the detector's 2x2\n"
     "                        integration, 0 to 10 (default 0: sharp optics)\n"
     "  --camera TEXT         or: the blur from a camera and lens description such\n"
-    "                        as \"k57 FOV 25\" (unrecognised text: the default)\n";
+    "                        as \"k57 FOV 25\" (unrecognised text: the default)\n"
+    "\n"
+    "Two-point calibration of --engine reference (all four needed; one frame\n"
+    "each, of the input's size; image files, or raw streams read with --size\n"
+    "and, for raw values, the input's 16-bit --format, for radiances f32):\n"
+    "  --cal-raw-low FILE    raw values (16-bit) in front of the cold reference\n"
+    "  --cal-radiance-low FILE  its radiance per pixel (float)\n"
+    "  --cal-raw-high FILE   raw values (16-bit) in front of the warm reference\n"
+    "  --cal-radiance-high FILE  its radiance per pixel (float)\n"
+    "                        Pixels with equal raw values take their neighbours'\n"
+    "                        calibration. The output is radiance; frames the\n"
+    "                        engine cannot reconstruct are its simple combination\n"
+    "                        (the window's mean, each pixel repeated 2x2).\n";
 
 namespace {
 
 // Options that only the global-motion engine has.
 const char* const kGlobalOnlyOptions[] = {"--engine", "--tv-weight", "--reg-error", "--rel-residue", "--iterations",
                                           "--camera"};
+const char* const kCalibrationOptions[] = {"--cal-raw-low", "--cal-radiance-low", "--cal-raw-high",
+                                           "--cal-radiance-high"};
 
 } // namespace
 
@@ -184,8 +203,18 @@ SrSettings srSettingsFromCommandLine(Cli& cli)
         s.engine = SrEngine::Phase;
     else if (engine == "fixed")
         s.engine = SrEngine::Fixed;
+    else if (engine == "reference")
+        s.engine = SrEngine::Reference;
     else
-        throw UsageError("option --engine: unknown engine \"" + engine + "\" (use corners, phase or fixed)");
+        throw UsageError("option --engine: unknown engine \"" + engine + "\" (use corners, phase, fixed or reference)");
+    if (s.engine != SrEngine::Reference || s.motion != SrMotion::Global)
+        for (const char* option : kCalibrationOptions)
+            if (cli.has(option))
+                throw UsageError(std::string("option ") + option + " belongs to --engine reference");
+    s.calibration.rawLow = cli.stringOption("--cal-raw-low", "");
+    s.calibration.radianceLow = cli.stringOption("--cal-radiance-low", "");
+    s.calibration.rawHigh = cli.stringOption("--cal-raw-high", "");
+    s.calibration.radianceHigh = cli.stringOption("--cal-radiance-high", "");
     // The ranges here only keep the values within their C types; the engine
     // judges them (checkSrSettings).
     s.window = static_cast<int>(cli.intOption("--window", s.window, INT_MIN, INT_MAX));
@@ -221,6 +250,8 @@ void checkSrSettings(const SrSettings& settings)
         checkRobustSettings(settings);
     else if (settings.engine == SrEngine::Fixed)
         checkFixedSettings(settings);
+    else if (settings.engine == SrEngine::Reference)
+        checkReferenceSettings(settings);
     else
         checkGlobalSettings(settings);
 }
@@ -393,6 +424,8 @@ SrSession::SrSession(const SrSettings& settings, cv::Size frameSize)
         impl_ = makeRobustSession(settings, frameSize);
     else if (settings.engine == SrEngine::Fixed)
         impl_ = makeFixedSession(settings, frameSize);
+    else if (settings.engine == SrEngine::Reference)
+        impl_ = makeReferenceSession(settings, frameSize);
     else if (settings.engine == SrEngine::Phase)
         impl_ = std::make_unique<EngineSession<SrFloatRegistration1>>(settings, frameSize);
     else

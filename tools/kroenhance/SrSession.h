@@ -20,6 +20,7 @@
 #include <opencv2/core.hpp>
 
 #include "Cli.h"
+#include "FrameIO.h"
 
 namespace kroenhance {
 
@@ -34,10 +35,20 @@ const char* srMotionName(SrMotion motion);
 enum class SrEngine {
     Corners,  // SrFloatRegistration2: tracked corners and optical flow (the C interface's)
     Phase,    // SrFloatRegistration1: phase correlation and optical flow
-    Fixed     // SrInt: 16-bit fixed-point registration and solve
+    Fixed,    // SrInt: 16-bit fixed-point registration and solve
+    Reference // SuperResolution: raw 16-bit frames to radiance by a two-point calibration
 };
 
 const char* srEngineName(SrEngine engine);
+
+// The reference engine's two-point calibration: four files of one frame
+// each, raw values (16-bit) and radiances (float) seen at a low and a high
+// temperature. Image files, or raw streams of the input's frame size (raw
+// values in rawFormat, radiances as f32).
+struct SrCalibrationFiles {
+    std::string rawLow, radianceLow, rawHigh, radianceHigh;
+    SampleFormat rawFormat = SampleFormat::S16;
+};
 
 // The engine's settings; the defaults are the C interface's.
 struct SrSettings {
@@ -54,10 +65,13 @@ struct SrSettings {
     std::string camera;       // the --camera description; empty when not given
     std::string cameraModel;  // the model code decoded from it ("mk57"); empty when not decoded
     int cameraFieldOfView = -1;
+    SrCalibrationFiles calibration;  // --engine reference only
 };
 
 // Takes --engine, --window, --reference-index, --tv-weight, --reg-error,
-// --rel-residue, --iterations, --psf-sigma and --camera. Malformed values
+// --rel-residue, --iterations, --psf-sigma, --camera and the calibration
+// files of --engine reference (--cal-raw-low, --cal-radiance-low,
+// --cal-raw-high, --cal-radiance-high). Malformed values
 // (not a number, an unknown engine, both --psf-sigma and --camera) throw
 // UsageError; whether a value is acceptable is the engine's business (see
 // checkSrSettings).
@@ -120,6 +134,8 @@ struct SrFrameRecord {
     double rejectedFraction = 0.0;
     double referenceOnlyFraction = 0.0;
     std::vector<std::string> warnings;
+    std::vector<float> qualityMap;      // reference engine: the 3x3 phase coverage, row by row
+    std::string fallbackOutput;         // what a fallback frame is when not the bicubic enlargement
     double registrationMs = 0.0;        // local motion: alignment and consistency weights
     double minimizationMs = 0.0;        // local motion: the merge
     double totalMs = 0.0;               // adding the frame, reconstructing, any fallback

@@ -45,10 +45,21 @@ void checkOption(const char* option, const char* refused, Value value, const std
     throw UsageError(why.str());
 }
 
+// The float engine's rules (SrFloatOptions'), one option at a time in the
+// order the engine applies them, so that the message names the option (the
+// TV weight and the residue share a message). The reference engine applies
+// the same rules.
+void checkGlobalSettings(const SrSettings& settings);
+
 // The fixed-point session and its settings check (SrIntOptions' rules, one
 // option at a time so that the message names the option).
 std::unique_ptr<SrSession::Impl> makeFixedSession(const SrSettings& settings, cv::Size frameSize);
 void checkFixedSettings(const SrSettings& settings);
+
+// The reference engine's session (raw frames, two-point calibration) and
+// its settings check, which also names the calibration files missing.
+std::unique_ptr<SrSession::Impl> makeReferenceSession(const SrSettings& settings, cv::Size frameSize);
+void checkReferenceSettings(const SrSettings& settings);
 
 // The local-motion session. Throws UsageError for settings the engine
 // refuses, RunError for frames it cannot work on.
