@@ -287,10 +287,10 @@ int SuperResolution::displacementAndCoverage()
             used += mask[p];
         const long long masked = inputSize - used;
         const double ratio = static_cast<double>(masked) / inputSize;
-        if (isDebugActive(kDebugLevelNotice)) {
+        if (isDebugActive(kDebugLevelTrace)) {
             std::ostringstream line;
             line << "Num masked pixel " << masked << " ratio: " << ratio;
-            log(line.str());
+            send(line.str(), kDebugLevelTrace);
         }
         if (ratio >= 0.5) {
             log("Too many masked pixels!");

@@ -6,6 +6,7 @@
 
 #include "DebugChannel.h"
 #include "KroLibExport.h"
+#include "OwnedMat.h"
 #include "PointF.h"
 #include "SrResultCodes.h"
 #include "StopWatch.h"
@@ -53,8 +54,9 @@ namespace kro {
 // through; the setters throw velmor::kro::Exception with the messages listed
 // at them.
 //
-// Traces on the channel "SuperResolution" (messages the channel sends at
-// level 2, step traces and timings at kDebugLevelTrace), in this order:
+// Traces on the channel "SuperResolution" (the reasons for a code or a
+// stop at level 2; step traces, timings and the masked counts at
+// kDebugLevelTrace), in this order:
 //   "++++++++++ SuperResolution ++++++++++", "start computeSR";
 //   "FFT resulted in infinite values. No processing possible" (abort);
 //   "Reference frame is constant. Cannot compute SR." (abort);
@@ -251,10 +253,11 @@ private:
     float minStructureThreshold = 2.0f;
     int threadCount = 0;
 
-    cv::Mat_<float> nucToRadGain;
-    cv::Mat_<float> nucToRadOffset;
-    cv::Mat_<float> radiance;
-    cv::Mat_<float> quality;
+    // Owned pixels: a copy of the engine gets its own.
+    OwnedMat<cv::Mat_<float>> nucToRadGain;
+    OwnedMat<cv::Mat_<float>> nucToRadOffset;
+    OwnedMat<cv::Mat_<float>> radiance;
+    OwnedMat<cv::Mat_<float>> quality;
 
     // Frame storage, oldest first; frames, spectra and their finiteness
     // rotate together (whole buffers are swapped, nothing is copied).

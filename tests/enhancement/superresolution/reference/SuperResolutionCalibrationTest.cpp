@@ -219,6 +219,22 @@ TEST(SuperResolutionCalibration, ProcessFrameIsTheConversionThenTheReconstructio
         EXPECT_EQ(fed.computeSR(viaRadiance.ptr<float>()), value);
         EXPECT_TRUE(krotest::sameFloatBytes(viaRadiance, viaRaw));
     }
+
+    // A copy converts into radiance and phase maps of its own.
+    cv::Mat_<float> radiance, quality, out(2 * h, 2 * w);
+    calibrated.getRadiance(radiance);
+    calibrated.getQuality(quality);
+    SuperResolution copy(calibrated);
+    cv::Mat_<short> raw;
+    frames[0].convertTo(raw, CV_16S, 4.0, 2000.0);
+    copy.processFrame2(raw.ptr<short>(), out.ptr<float>());
+    cv::Mat_<float> after;
+    copy.getRadiance(after);
+    ASSERT_FALSE(krotest::sameFloatBytes(radiance, after));
+    calibrated.getRadiance(after);
+    EXPECT_TRUE(krotest::sameFloatBytes(radiance, after));
+    calibrated.getQuality(after);
+    EXPECT_TRUE(krotest::sameFloatBytes(quality, after));
 }
 
 // --- Quality map and simple combination ---------------------------------
