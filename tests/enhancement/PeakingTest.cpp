@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
-#include <limits>
 #include <random>
 #include <string>
 #include <tuple>
@@ -20,6 +19,8 @@ namespace {
 
 using krotest::absolute;
 using krotest::floorShift;
+using krotest::IntFrame;
+using krotest::ModelScene;
 
 struct Settings {
     int enable, gain, coring, limit, reductThres, reductGain;
@@ -29,14 +30,14 @@ std::int64_t clampTo(std::int64_t v, std::int64_t low, std::int64_t high) { retu
 
 // The peaking block as its definition reads, in 64-bit integers. `s` holds
 // the values after clamping.
-std::vector<int> peakingModel(const std::vector<int>& in, int cols, int rows, const Settings& s, const double* localGain)
+IntFrame peakingModel(const IntFrame& in, int cols, int rows, const Settings& s, const double* localGain)
 {
     if (s.enable == 0)
         return in;
     const auto at = [&](int x, int y) -> std::int64_t {
         return in[static_cast<std::size_t>(clampTo(y, 0, rows - 1)) * cols + clampTo(x, 0, cols - 1)];
     };
-    std::vector<int> out(in.size());
+    IntFrame out(in.size());
     for (int y = 0; y < rows; ++y)
         for (int x = 0; x < cols; ++x) {
             const std::int64_t p = at(x, y);
@@ -85,23 +86,6 @@ void apply(Peaking& peaking, const Settings& s)
     peaking.SetReductGain(s.reductGain);
 }
 
-enum class Scene { Random, Edges, Extremes, Flat };
-
-std::vector<int> makeFrame(Scene scene, int cols, int rows, std::mt19937_64& rng)
-{
-    const int extremes[] = {-32768, 32767, 0, -32767, 32766, 1};
-    const int level = krotest::uniformInt(rng, -32768, 32767);
-    std::vector<int> frame(static_cast<std::size_t>(cols) * rows);
-    for (std::size_t i = 0; i < frame.size(); ++i) {
-        const int x = static_cast<int>(i % cols), y = static_cast<int>(i / cols);
-        frame[i] = scene == Scene::Random  ? krotest::uniformInt(rng, -32768, 32767)
-                   : scene == Scene::Edges ? ((x / 4 + y / 3) % 2 ? 9000 : 2000) + krotest::uniformInt(rng, -30, 30)
-                   : scene == Scene::Extremes ? extremes[rng() % 6]
-                                              : level;
-    }
-    return frame;
-}
-
 // Sizes from 1x1 to a sensor frame; defaults, every parameter at its bounds
 // and beyond them (clamped by the setters); with and without a local-gain
 // table whose gains span 0 to far beyond any useful coring.
@@ -116,15 +100,15 @@ TEST(Peaking, MatchesScalarModelOverSizesParametersAndLocalGains)
     std::mt19937_64 rng(5);
     for (std::size_t i = 0; i < gains.size(); ++i)
         gains[i] = i % 17 == 0 ? 0.0 : (i % 29 == 0 ? 1e12 : 0.05 * static_cast<double>(rng() % 100));
+    std::uint64_t seed = 1;
     for (const Settings& k : cases)
-        for (const auto& size : {std::make_pair(1, 1), std::make_pair(7, 1), std::make_pair(1, 7),
-                                 std::make_pair(5, 3), std::make_pair(13, 11), std::make_pair(160, 120)})
+        for (const auto& size : krotest::kModelSizes)
             for (const double* table : {static_cast<const double*>(nullptr), static_cast<const double*>(gains.data())})
-                for (Scene scene : {Scene::Random, Scene::Edges, Scene::Extremes, Scene::Flat}) {
+                for (ModelScene scene : {ModelScene::Steady, ModelScene::Moving, ModelScene::Random, ModelScene::Extremes}) {
                     Peaking peaking(size.first, size.second);
                     apply(peaking, k);
-                    const std::vector<int> in = makeFrame(scene, size.first, size.second, rng);
-                    std::vector<int> out(in.size());
+                    const IntFrame in = krotest::modelSequence(scene, size.first, size.second, 1, false, seed++)[0];
+                    IntFrame out(in.size());
                     peaking.ProcessFrame(in.data(), out.data(), table);
                     ASSERT_TRUE(krotest::intFramesEqual(peakingModel(in, size.first, size.second, clamped(k), table),
                                                         out, size.first))
@@ -142,7 +126,7 @@ TEST(Peaking, HandWorkedPeakAndClamps)
     // e = ((14 * 250368) >> 12) * 256 + 128) >> 8 = 855.
     Peaking peaking(3, 3);
     peaking.SetEnable(1);
-    std::vector<int> in = {0, 0, 0, 0, 1000, 0, 0, 0, 0}, out(9);
+    IntFrame in = {0, 0, 0, 0, 1000, 0, 0, 0, 0}, out(9);
     peaking.ProcessFrame(in.data(), out.data(), nullptr);
     EXPECT_EQ(out[4], 1855);
 
@@ -153,7 +137,7 @@ TEST(Peaking, HandWorkedPeakAndClamps)
                           std::make_tuple(-5, true, 0), std::make_tuple(1234, true, 1234)}) {
         in.assign(9, std::get<0>(c));
         peaking.ProcessFrame(in.data(), out.data(), std::get<1>(c) ? ones.data() : nullptr);
-        EXPECT_EQ(out, std::vector<int>(9, std::get<2>(c))) << std::get<0>(c);
+        EXPECT_EQ(out, IntFrame(9, std::get<2>(c))) << std::get<0>(c);
     }
     // Enable 0 copies exactly, 32767 included.
     peaking.SetEnable(0);
@@ -165,36 +149,26 @@ TEST(Peaking, HandWorkedPeakAndClamps)
 TEST(Peaking, ParameterFileSectionAndMessages)
 {
     krotest::TempDir dir;
-    const Settings defaults{0, 14, 22, 130, 20, 30};
     const auto settingsOf = [](const Peaking& p) {
-        return std::vector<int>{p.GetEnable(), p.GetGain(), p.GetCoring(), p.GetLimit(), p.GetReductThres(),
-                                p.GetReductGain()};
+        return std::vector<int>{p.GetEnable(), p.GetGain(), p.GetCoring(), p.GetLimit(), p.GetReductThres(), p.GetReductGain()};
     };
-    const std::vector<int> before = {defaults.enable, defaults.gain, defaults.coring, defaults.limit,
-                                     defaults.reductThres, defaults.reductGain};
-
     Peaking peaking;
-    EXPECT_EQ(peaking.cols(), 160);
-    EXPECT_EQ(peaking.rows(), 120);
+    const std::vector<int> defaults = {0, 14, 22, 130, 20, 30};
     const std::string missing = dir.file("absent.ini");
     testing::internal::CaptureStdout();
     peaking.SetParam(missing.c_str());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "peak: Cannot read " + missing + "\n");
-    EXPECT_EQ(settingsOf(peaking), before);
+    EXPECT_EQ(settingsOf(peaking), defaults);
 
-    const std::string other = dir.file("other.ini");
-    std::ofstream(other) << "gain=99\n[Histogram_Parameter]\ngain=77\n[Peaking_Parameter ]\ncoring=1\n";
-    testing::internal::CaptureStdout();
-    peaking.SetParam(other.c_str());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(settingsOf(peaking), before) << "no key outside the peaking section counts";
+    std::ofstream(dir.file("other.ini")) << "gain=99\n[Histogram_Parameter]\ngain=77\n[Peaking_Parameter ]\ncoring=1\n";
+    peaking.SetParam(dir.file("other.ini").c_str());
+    EXPECT_EQ(settingsOf(peaking), defaults) << "no key outside the peaking section counts";
 
-    const std::string good = dir.file("peaking.ini");
-    std::ofstream(good) << "[Peaking_Parameter]\nenable=1\ngain=0x10\ncoring=010\nreduct_gain=-4\n"
-                        << "limit=99999\n[Other]\nreduct_thres=5\n";
-    peaking.SetParam(good.c_str());
+    std::ofstream(dir.file("peaking.ini")) << "[Peaking_Parameter]\nenable=1\ngain=0x10\ncoring=010\n"
+                                           << "reduct_gain=-4\nlimit=99999\n[Other]\nreduct_thres=5\n";
+    peaking.SetParam(dir.file("peaking.ini").c_str());
     EXPECT_EQ(settingsOf(peaking), (std::vector<int>{1, 16, 8, 4096, 20, 0}))
-        << "hex and octal read, values clamped, reduct_thres of another section ignored";
+        << "hex and octal read, values clamped, other sections ignored";
 }
 
 TEST(Peaking, MatrixBuffersAndBadFrames)
@@ -202,12 +176,11 @@ TEST(Peaking, MatrixBuffersAndBadFrames)
     Peaking peaking(6, 4);
     peaking.SetEnable(1);
     velmor::kro::Matrix<int> in(4, 6), out(4, 6), wrong(6, 4);
-    std::mt19937_64 rng(9);
-    const std::vector<int> frame = makeFrame(Scene::Random, 6, 4, rng);
+    const IntFrame frame = krotest::modelSequence(ModelScene::Random, 6, 4, 1, false, 9)[0];
     std::copy(frame.begin(), frame.end(), in.data);
     peaking.ProcessFrame(in, out, nullptr);
     EXPECT_TRUE(krotest::intFramesEqual(peakingModel(frame, 6, 4, {1, 14, 22, 130, 20, 30}, nullptr),
-                                        std::vector<int>(out.data, out.data + 24), 6));
+                                        IntFrame(out.data, out.data + 24), 6));
     EXPECT_THROW(peaking.ProcessFrame(in, wrong, nullptr), velmor::kro::Exception);
     EXPECT_THROW(peaking.ProcessFrame(in.data, in.data + 3, nullptr), velmor::kro::Exception);
     EXPECT_THROW(Peaking(0, 1), velmor::kro::Exception);
