@@ -126,7 +126,7 @@ int SuperResolution::loadFrame(const T* frame)
     const float* values = spectra[slot].data();
     bool finite = true;
     for (std::size_t k = 0; k < spectra[slot].size(); ++k)
-        finite = finite && std::isfinite(values[k]);
+        finite &= static_cast<bool>(std::isfinite(values[k]));
     spectrumFinite[slot] = finite ? 1 : 0;
     return code < 0 ? code : 0;
 }
