@@ -119,9 +119,10 @@ TEST(TnrCmod, MatchesScalarModelOverSizesParametersModesAndScenes)
                             ASSERT_EQ(input[0], out) << "the first frame passes unchanged";
                         }
                     }
-                    if (mode != 1)
+                    if (mode != 1) {
                         ASSERT_TRUE(std::equal(model.accumulator().begin(), model.accumulator().end(),
                                                plain.accumulator().begin()));
+                    }
                 }
 }
 
