@@ -12,7 +12,6 @@
 // its range (clamp it, or keep the old value) is the setter's own rule, told
 // by `outside`.
 
-#include <climits>
 #include <string>
 #include <vector>
 

@@ -170,7 +170,8 @@ TEST(EnhancerSettingKeys, MalformedSettingsAreRefusedWithTheReason)
         EXPECT_EQ(setting.key, nullptr) << c.first;
     }
     // The ends of the int range and explicit signs are whole integers.
-    for (const auto& text : {"hist.limit2=-2147483648", "hist.limit2=2147483647", "hist.offset=+12", "hist.offset=-007"}) {
+    for (const auto& text :
+         {"hist.limit2=-2147483648", "hist.limit2=2147483647", "hist.offset=+12", "hist.offset=-007"}) {
         EnhancerSetting setting;
         EXPECT_EQ(velmor::kro::parseEnhancerSetting(text, setting), "") << text;
     }

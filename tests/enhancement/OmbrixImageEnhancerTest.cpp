@@ -37,8 +37,8 @@ const std::vector<cv::Mat_<short>>& recording()
 {
     static const std::vector<cv::Mat_<short>> frames = [] {
         std::vector<cv::Mat_<short>> out;
-        for (const auto& frame : krotest::readRaw<unsigned short>(
-                 std::string(KROLIB_TEST_DATA_DIR) + "/thermal/drive_crop_160x128x10_u16.raw", cv::Size(kWidth, kHeight))) {
+        const std::string path = std::string(KROLIB_TEST_DATA_DIR) + "/thermal/drive_crop_160x128x10_u16.raw";
+        for (const auto& frame : krotest::readRaw<unsigned short>(path, cv::Size(kWidth, kHeight))) {
             cv::Mat_<short> s;
             frame.convertTo(s, CV_16S);
             out.push_back(s);
